@@ -1,4 +1,5 @@
-# Compares the dynamic symbol table of LIBRARY with the names in EXPECTED.
+# Compares the dynamic symbol table of LIBRARY with the names listed in the
+# files of the folder EXPECTED (one file per family, one name per line).
 find_program(NM nm REQUIRED)
 find_program(READELF readelf REQUIRED)
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE nm_out RESULT_VARIABLE rc)
@@ -13,7 +14,12 @@ foreach(line ${lines})
   endif()
 endforeach()
 
-file(STRINGS ${EXPECTED} expected REGEX "^[A-Za-z_]")
+file(GLOB lists ${EXPECTED}/*.txt)
+set(expected)
+foreach(list_file ${lists})
+  file(STRINGS ${list_file} names REGEX "^[A-Za-z_]")
+  list(APPEND expected ${names})
+endforeach()
 set(missing)
 foreach(name ${expected})
   list(FIND exported ${name} at)
