@@ -285,7 +285,7 @@ bool apply(const Keyword &k, const CFG_LINE *cfg, Reading *r) {
 }
 
 bool read_file(nl_catd catalog, Reading *r) {
-    CFG_init(catalog);
+    if (!pxf::cfg::open_lines(catalog)) return kFailed;
     while (const CFG_LINE *cfg = CFG_info()) {
         ++r->line;
         if (cfg->count == 0 || pxf::cfg::is_comment(cfg)) continue;

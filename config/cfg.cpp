@@ -33,6 +33,7 @@ struct Record {
 
 DST_LL lines{};
 bool initialised = false;
+bool out_of_memory = false;  // the last CFG_init failed for lack of memory
 
 void set_filename(char *path) {
     pxf::heap_free(cfg_filename);
@@ -111,17 +112,19 @@ extern "C" {
 
 int CFG_init(nl_catd catalog) {
     cfg__msg_cat = catalog;
+    out_of_memory = false;
     if (initialised) {
         DST_ll_initl(&lines);
         return 0;
     }
-    bool failed = false;
-    std::FILE *file = open_file(&failed);
-    if (failed) return -1;
+    std::FILE *file = open_file(&out_of_memory);
+    if (out_of_memory) return -1;
     DST_ll_init(&lines);
     initialised = true;
     if (!file) return -1;
-    return read_lines(file);
+    if (read_lines(file) == 0) return 0;
+    out_of_memory = true;
+    return -1;
 }
 
 CFG_LINE *CFG_info(void) {
@@ -170,6 +173,8 @@ int CFG_lex(int max, char *line, char **tokens) {
 }  // extern "C"
 
 namespace pxf::cfg {
+
+bool open_lines(nl_catd catalog) noexcept { return CFG_init(catalog) == 0 || !out_of_memory; }
 
 char *save_string(const char *text) noexcept {
     size_t length = std::strlen(text) + 1;

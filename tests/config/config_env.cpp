@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include <pxf/cfg.h>
+#include <pxf/clr.h>
 #include <pxf/fmt.h>
 
 namespace pxf::test {
@@ -17,6 +18,7 @@ ConfigHome::ConfigHome(const std::string &contents) : ConfigHome() { write(conte
 ConfigHome::~ConfigHome() {
     FMT_exit();
     FB_exit();
+    CLR_exit();
     CFG_exit();
 }
 
