@@ -22,7 +22,7 @@ constexpr const char *kFileName = ".pxfrc";
 // The install root keeps a trailing slash, so the site path has a double
 // slash behind it; that is the path we try and show.
 constexpr const char *kInstallRoot = PXF_INSTALL_ROOT "/";
-// fgets limit: at most 254 characters and the terminator.
+// Line buffer: at most 254 characters and the terminator.
 constexpr int kLineLimit = 255;
 
 struct Record {
@@ -74,11 +74,19 @@ std::FILE *open_file(bool *failed) {
 
 int read_lines(std::FILE *file) {
     char buffer[kLineLimit];
-    while (std::fgets(buffer, kLineLimit, file)) {
+    for (;;) {
+        // Read as fgets would, but count the bytes so that a NUL inside the
+        // line does not hide where it ends.
+        size_t read = 0;
+        int c = 0;
+        while (read < kLineLimit - 1 && (c = std::getc(file)) != EOF) {
+            buffer[read++] = static_cast<char>(c);
+            if (c == '\n') break;
+        }
+        if (read == 0) break;
         // The last character read goes, whatever it is: normally the newline.
-        // A NUL inside the line ends it early.
+        buffer[read - 1] = '\0';
         size_t length = std::strlen(buffer);
-        if (length > 0) buffer[--length] = '\0';
 
         auto *record = static_cast<Record *>(ERR_malloc(sizeof(Record)));
         if (!record) {
