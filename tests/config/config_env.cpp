@@ -22,6 +22,12 @@ ConfigHome::~ConfigHome() {
     CFG_exit();
 }
 
+std::vector<std::string> ConfigHome::texts(const ReportCapture &reports) {
+    std::vector<std::string> out;
+    for (const auto &r : reports.reports()) out.push_back(r.text);
+    return out;
+}
+
 void ConfigHome::write(const std::string &contents) const { write_file(path(), contents); }
 
 }  // namespace pxf::test

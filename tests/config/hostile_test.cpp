@@ -14,10 +14,6 @@ namespace {
 using pxf::test::ConfigHome;
 using pxf::test::ReportCapture;
 
-std::string syntax(const ConfigHome &home, int line) {
-    return home.path() + ": Invalid configuration file syntax, line " + std::to_string(line);
-}
-
 TEST(HostileConfig, HundredThousandLinesWithBadKeywordsNearTheEnd) {
     std::string text;
     for (int i = 0; i < 100000; ++i) text += "filler " + std::to_string(i) + " \"quoted words\"\n";
@@ -28,12 +24,12 @@ TEST(HostileConfig, HundredThousandLinesWithBadKeywordsNearTheEnd) {
     ConfigHome home(text);
     ReportCapture reports;
     ASSERT_EQ(FMT_init(nullptr), 0);
-    EXPECT_EQ(reports.last(), syntax(home, 100001));
+    EXPECT_EQ(reports.last(), home.syntax(100001));
     EXPECT_EQ(FMT_def_frame_rate(), 2);
     ASSERT_EQ(FB_init(nullptr), 0);
-    EXPECT_EQ(reports.last(), syntax(home, 100002));
+    EXPECT_EQ(reports.last(), home.syntax(100002));
     ASSERT_EQ(CLR_init(nullptr), 0);
-    EXPECT_EQ(reports.last(), syntax(home, 100003));
+    EXPECT_EQ(reports.last(), home.syntax(100003));
     EXPECT_EQ(reports.reports().size(), 3u);
 }
 
@@ -58,11 +54,7 @@ TEST(HostileConfig, BinaryGarbageNulBytesAndLongLines) {
 
 TEST(HostileConfig, AbsurdColourSizesAreRefused) {
     ConfigHome home;
-    const char *files[] = {
-        "clr__tristimulus_tab_res 1e12\n",
-        "clr__max_wavelength 1e30\n",
-    };
-    for (const char *file : files) {
+    for (const char *file : {"clr__tristimulus_tab_res 1e12\n", "clr__max_wavelength 1e30\n"}) {
         home.write(file);
         ReportCapture reports;
         EXPECT_EQ(CLR_init(nullptr), -1) << file;
@@ -72,7 +64,7 @@ TEST(HostileConfig, AbsurdColourSizesAreRefused) {
     home.write("clr__sample_bins 100000 uniform\nclr__sample_bins nan uniform\n");
     ReportCapture reports;
     EXPECT_EQ(CLR_init(nullptr), -1);  // nan is no number
-    EXPECT_EQ(reports.reports().front().text, syntax(home, 1));
+    EXPECT_EQ(reports.reports().front().text, home.syntax(1));
 }
 
 }  // namespace
