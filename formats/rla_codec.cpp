@@ -2,6 +2,7 @@
 
 #include <pxf/rla.h>
 
+#include <algorithm>
 #include <bit>
 #include <climits>
 #include <cstring>
@@ -25,53 +26,29 @@ constexpr size_t round_up16(size_t n) { return (n + 15) & ~size_t{15}; }
 // ---------------------------------------------------------------------------
 // Encoding
 
-// The first index >= i at which three equal bytes begin, or n.  Only maximal runs
-// reach this point: the byte before i (if any) ended the previous run, so the first
-// triple found is the start of the next run.
+// Bit j of word k: elements 64k + j and 64k + j + 1 have equal bytes in the plane.
+// Zero from element n - 1 on, so that the last element always ends a run.
 template <size_t S>
-size_t find_run(const uint8_t *p, size_t i, size_t n) {
+uint64_t equal_bits(const uint8_t *p, size_t n, size_t k) {
+    const size_t base = 64 * k;
     if constexpr (S == 1) {
 #if defined(__SSE2__)
-        while (i + 18 <= n) {
-            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
-            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i + 1));
-            const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i + 2));
-            const unsigned m = static_cast<unsigned>(
-                _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(a, b), _mm_cmpeq_epi8(b, c))));
-            if (m) return i + static_cast<size_t>(std::countr_zero(m));
-            i += 16;
+        if (base + 65 <= n) {
+            uint64_t bits = 0;
+            for (size_t m = 0; m < 4; ++m) {
+                const uint8_t *q = p + base + 16 * m;
+                const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q));
+                const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + 1));
+                bits |= uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b)))} << (16 * m);
+            }
+            return bits;
         }
 #endif
     }
-    while (i + 2 < n) {
-        const uint8_t b1 = p[(i + 1) * S];
-        if (b1 != p[(i + 2) * S]) {
-            i += 2;  // neither i nor i + 1 can start three equal bytes
-        } else if (p[i * S] == b1) {
-            return i;
-        } else {
-            ++i;
-        }
-    }
-    return n;
-}
-
-// The first index >= i whose byte is not v, or n.
-template <size_t S>
-size_t run_end(const uint8_t *p, size_t i, size_t n, uint8_t v) {
-    if constexpr (S == 1) {
-#if defined(__SSE2__)
-        const __m128i splat = _mm_set1_epi8(static_cast<char>(v));
-        while (i + 16 <= n) {
-            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
-            const unsigned m = ~static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, splat))) & 0xFFFFu;
-            if (m) return i + static_cast<size_t>(std::countr_zero(m));
-            i += 16;
-        }
-#endif
-    }
-    while (i < n && p[i * S] == v) ++i;
-    return i;
+    uint64_t bits = 0;
+    const size_t last = std::min(base + 64, n - 1);
+    for (size_t i = base; i < last; ++i) bits |= uint64_t{p[i * S] == p[(i + 1) * S]} << (i - base);
+    return bits;
 }
 
 template <size_t S>
@@ -110,19 +87,41 @@ inline uint8_t *put_run(uint8_t *out, uint8_t v, size_t k) {
     return out;
 }
 
+// Runs are found 64 elements at a time from the equal-neighbour bits: a run of 3 or
+// more starts where a byte equals the next two and differs from the one before, and
+// ends where a byte equals the two before and differs from the next.  Starts and ends
+// alternate, so each is taken as the lowest bit of its mask: the work from one run to
+// the next is a bit clear, not a fresh scan from the previous run's end.
 template <size_t S>
 uint8_t *encode_plane(const uint8_t *p, size_t n, uint8_t *out) {
-    size_t i = 0;  // start of the pending literals
-    while (i < n) {
-        const size_t r = find_run<S>(p, i, n);
-        if (r == n) break;
-        const uint8_t v = p[r * S];
-        const size_t e = run_end<S>(p, r + kMinRun, n, v);
-        if (r > i) out = put_literals<S>(out, p + i * S, r - i);
-        out = put_run(out, v, e - r);
-        i = e;
+    if (n == 0) return out;
+    size_t lit = 0;    // start of the pending literals
+    size_t start = 0;  // start of the open run, if any
+    bool in_run = false;
+    uint64_t prev = 0, cur = equal_bits<S>(p, n, 0), next = equal_bits<S>(p, n, 1);
+    for (size_t k = 0; 64 * k < n; ++k) {
+        const uint64_t before1 = (cur << 1) | (prev >> 63);
+        uint64_t starts = cur & ((cur >> 1) | (next << 63)) & ~before1;
+        uint64_t ends = ~cur & before1 & ((cur << 2) | (prev >> 62));
+        while (in_run ? ends != 0 : starts != 0) {
+            if (!in_run) {
+                start = 64 * k + static_cast<size_t>(std::countr_zero(starts));
+                starts &= starts - 1;
+                in_run = true;
+                if (!ends) break;  // the run goes on into the next word
+            }
+            const size_t end = 64 * k + static_cast<size_t>(std::countr_zero(ends)) + 1;
+            ends &= ends - 1;
+            in_run = false;
+            if (start > lit) out = put_literals<S>(out, p + lit * S, start - lit);
+            out = put_run(out, p[start * S], end - start);
+            lit = end;
+        }
+        prev = cur;
+        cur = next;
+        next = equal_bits<S>(p, n, k + 2);
     }
-    if (i < n) out = put_literals<S>(out, p + i * S, n - i);
+    if (lit < n) out = put_literals<S>(out, p + lit * S, n - lit);
     return out;
 }
 
