@@ -201,9 +201,13 @@ template <class Moves>
 
 using BytePlaneDecoder = const uint8_t *(*)(const uint8_t *, const uint8_t *, uint8_t *, size_t);
 
-const uint8_t *decode_bytes_plain(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n) {
+}  // namespace
+
+const uint8_t *decode_byte_plane_portable(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n) {
     return decode_bytes<PlainMoves>(in, end, o, n);
 }
+
+namespace {
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 struct Avx2Moves {
@@ -222,10 +226,10 @@ struct Avx2Moves {
 
 BytePlaneDecoder pick_byte_plane_decoder() {
     __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") ? decode_bytes_avx2 : decode_bytes_plain;
+    return __builtin_cpu_supports("avx2") ? decode_bytes_avx2 : decode_byte_plane_portable;
 }
 #else
-BytePlaneDecoder pick_byte_plane_decoder() { return decode_bytes_plain; }
+BytePlaneDecoder pick_byte_plane_decoder() { return decode_byte_plane_portable; }
 #endif
 
 const uint8_t *decode_byte_plane(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n) {
