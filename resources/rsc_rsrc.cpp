@@ -1,5 +1,8 @@
 // Types and resources of open resource files: lookups, data on demand,
 // adding, deleting and marking, counts and lists.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 
 #include "foundation/alloc.h"
@@ -65,8 +68,16 @@ unsigned char *load(File *file, const Type *type, Resource *resource) noexcept {
         pxf__err = kErrNoMemory;
         return nullptr;
     }
-    if (size && (fseeko(file->stream, resource->offset, SEEK_SET) != 0 ||
-                 std::fread(buffer, 1, size, file->stream) != size)) {
+    // Straight from the descriptor: the stream's buffer may hold bytes the
+    // file no longer has.
+    uint32_t done = 0;
+    while (done < size) {
+        ssize_t n = pread(fileno(file->stream), buffer + done, size - done, off_t{resource->offset} + done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<uint32_t>(n);
+    }
+    if (done < size) {
         buffer_release(buffer, size);
         return fail<unsigned char *>(nullptr, RSC_ERR_FILE, kSetMessages, kMsgReadFailed,
                                      "Cannot read resource %s of type %s from resource file %s", resource->name,
