@@ -34,7 +34,8 @@ uint32_t get32(const unsigned char *b) noexcept {
     return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
 }
 
-// Reads at explicit offsets of a file whose size is known.
+// Reads the tables through the stream; every offset is checked against the
+// file's size before it is read.
 class Reader {
 public:
     Reader(FILE *stream) noexcept : stream_(stream) {}
@@ -76,17 +77,14 @@ public:
         // A file that shrank must not keep its old tail.
         if (ok_ && ftruncate(fileno(stream_), static_cast<off_t>(length)) != 0) failed();
     }
-    void fail_with(int error) noexcept {
-        if (ok_) {
-            ok_ = false;
-            error_ = error;
-        }
-    }
     bool ok() const noexcept { return ok_; }
     int error() const noexcept { return error_; }
 
 private:
-    void failed() noexcept { fail_with(errno ? errno : EIO); }
+    void failed() noexcept {
+        ok_ = false;
+        error_ = errno ? errno : EIO;
+    }
     FILE *stream_;
     bool ok_ = true;
     int error_ = 0;
@@ -320,6 +318,17 @@ bool write_file(File *f) noexcept {
         for (auto *r = static_cast<Resource *>(t->resources.head); r; r = r->next)
             if (!r->deleted() && !load(f, t, r)) return false;
 
+    // Offsets are 32 bits wide: refuse before anything is overwritten.
+    uint64_t total = kHeaderSize;
+    for (auto *t = static_cast<Type *>(f->types.head); t; t = t->next) {
+        if (t->live()) total += kTypeEntrySize;
+        for (auto *r = static_cast<Resource *>(t->resources.head); r; r = r->next)
+            if (!r->deleted()) total += r->size() + kMinResourceEntrySize + r->name_length;
+    }
+    if (total > UINT32_MAX)
+        return fail(false, RSC_ERR_FILE, kSetMessages, kMsgWriteFailed, "Cannot write resource file %s; %s", f->spec,
+                    std::strerror(EFBIG));
+
     Writer out(f->stream);
     uint64_t at = kHeaderSize;
     out.seek(at);
@@ -352,8 +361,6 @@ bool write_file(File *f) noexcept {
         ++written;
         at += kTypeEntrySize;
     }
-    // Offsets are 32 bits wide.
-    if (at > UINT32_MAX) out.fail_with(EFBIG);
     out.seek(0);
     out.slot(f->version);
     out.slot(written);

@@ -2,9 +2,11 @@
 // changing resources, status dumps and out-of-memory paths.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -184,6 +186,25 @@ TEST(ResourceFiles, RequestsThatCannotBeCarriedOut) {
     EXPECT_EQ(RSC_rsrc_addc("TEST", std::string(70000, 'n').c_str(), "", 0), 0);
     EXPECT_EQ(RSC_type_countc(), 0);
     RSC_exit();
+}
+
+TEST(ResourceFiles, ShortWriteFailsTheClose) {
+    TempDir dir;
+    std::string path = dir.file("full.rsc");
+    make_file(path, {{"a", "1"}});
+    // In a child: a file-size limit makes the rewrite come up short.
+    auto child = [&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit = {200, 200};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        std::string big(300, 'b');
+        ReportCapture capture;
+        bool added = RSC_file_open(path.c_str()) == 1 && RSC_rsrc_addc("TEST", "b", big.data(), 300) == 1;
+        bool closed = RSC_file_close(nullptr) == 1;
+        bool reported = capture.last() == "Cannot write resource file " + path + "; File too large";
+        std::exit(added && !closed && reported && RSC_file_count() == 0 ? 0 : 1);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ResourceFiles, AllocationFailuresReportAndLeaveNothingBehind) {
