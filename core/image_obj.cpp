@@ -142,7 +142,8 @@ int pxf__build_obj(PXF_IMAGE *image, PXF_INFO *info) {
 
 int pxf__init_ifd(PXF_IMAGE *image) {
     int resolution = FMT_def_gamma_tab_res();
-    int depth = resolution > 0 ? int(std::log(double(resolution)) / std::log(2.0)) : 0;
+    int depth = 0;  // log2 of the resolution, truncated
+    while (depth < 30 && (1 << (depth + 1)) <= resolution) ++depth;
     for (int i = 0; i < image->info.num_images; ++i) {
         PXF_IMAGE_DESC &d = image->info.images[i];
         std::memset(&d, 0, sizeof d);

@@ -237,7 +237,7 @@ int PXF_seek(PXF_IMAGE **handle, int line) {
         again.specific = nullptr;
         PXF_info_cleanup(&again, 1);
         *handle = image;
-        if (!image) return pxf__err ? pxf__err : (pxf__err = pxf::kErrNoMemory);
+        if (!image) return pxf__err;
         bool still_past = bottom_up ? line <= image->current_line : line >= image->current_line;
         if (still_past) std::fputs("PXF_seek: did not advance image pointer correctly\n", stderr);
     }
