@@ -327,6 +327,15 @@ PXF_CAP_SETTING **PXF_cap_setting_copy(PXF_CAP_SETTING **settings) {
     return copy;
 }
 
+PXF_CAP_SETTING **pxf::copy_settings(PXF_CAP_SETTING **settings) noexcept {
+    PXF_CAP_SETTING **copy = PXF_cap_setting_copy(settings);
+    if (copy && settings_length(copy) != settings_length(settings)) {
+        free_settings(copy);
+        return nullptr;
+    }
+    return copy;
+}
+
 int PXF_cap_setting_compare(PXF_CAP_SETTING **a, PXF_CAP_SETTING **b) {
     std::size_t na = settings_length(a), nb = settings_length(b);
     if (na == 0 || nb == 0) return na == 0 && nb == 0;
