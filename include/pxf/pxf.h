@@ -1,10 +1,17 @@
 /*
  * Image files: description, driver registry, open, scan, seek and close.
+ *
+ * An application describes an image in a PXF_INFO (always start with
+ * PXF_info_init or PXF_info_alloc), opens it with PXF_open in mode "r" or
+ * "w", moves scanlines with PXF_scan_read / PXF_scan_write and closes it
+ * with PXF_close.  Drivers come from plug-in libraries handed to PXF_init
+ * and from the drivers built into the library ("pipe", "mem", ...).
  */
 #ifndef PXF_PXF_H
 #define PXF_PXF_H
 
 #include <nl_types.h>
+#include <pthread.h>
 
 #include "common.h"
 
@@ -14,6 +21,365 @@ PXF_BEGIN_DECLS
 PXF_API extern int pxf__err;
 /* The message catalogue handed to PXF_init; null means the built-in texts. */
 PXF_API extern nl_catd pxf__msg_cat;
+
+/* Codes left in pxf__err. */
+#define PXF_E_FIELD_MISMATCH (-1)
+#define PXF_E_BAD_SCANLINE (-2)
+#define PXF_E_UNKNOWN_TYPE (-4)
+#define PXF_E_MISSING_FIELD (-5)
+#define PXF_E_NO_MEMORY (-10)
+#define PXF_E_CANNOT_DO (-16)
+#define PXF_E_FLUSH (-20)
+
+/* Element types of a channel group. */
+#define PXF_C_INTEGER 1 /* unsigned integer of `width` bits in 1, 2 or 4 bytes */
+#define PXF_C_FLOAT 2   /* 32-bit float */
+#define PXF_C_DOUBLE 3  /* 64-bit float */
+
+/* init_magic of an initialised PXF_INFO. */
+#define PXF_INFO_MAGIC 22839
+
+/* PXF_IMAGE.mode */
+#define PXF_MODE_READ 4
+#define PXF_MODE_WRITE 8
+
+/* Response curve kinds. */
+#define PXF_CURVE_GAMMA 1 /* analytic: a gamma exponent */
+#define PXF_CURVE_TABLE 2 /* one lookup table per channel */
+
+/* Capability setting codes. */
+#define PXF_CAP_INTEGER 0
+#define PXF_CAP_FLOAT 1
+#define PXF_CAP_NONE 65535
+
+struct PXF_IMAGE;
+struct PXF_TYPE;
+
+/* How stored values relate to light: a gamma, or a table per channel. */
+typedef struct PXF_RESPONSE_CURVE {
+    int32_t kind;     /* PXF_CURVE_GAMMA or PXF_CURVE_TABLE */
+    float gamma;
+    void *reserved;
+    int32_t channels; /* number of tables */
+    int32_t entries;  /* table length */
+    int32_t type;     /* PXF_C_INTEGER or PXF_C_FLOAT: element type of the tables */
+    int32_t bits;     /* bits per integer value */
+    void **tables;    /* one per channel, all in one block owned by tables[0] */
+} PXF_RESPONSE_CURVE;
+
+/* One channel group of an image. */
+typedef struct PXF_CHAN_GROUP {
+    char *format;  /* channel format name ("rgb", "xyz", ...) */
+    int32_t count; /* number of channels */
+    int32_t type;  /* PXF_C_INTEGER, PXF_C_FLOAT or PXF_C_DOUBLE */
+    int32_t width; /* bits per element */
+    int32_t extra;
+} PXF_CHAN_GROUP;
+
+/* Inclusive bounds: width = right - left + 1. */
+typedef struct PXF_BOUNDS {
+    int32_t left, right, bottom, top;
+} PXF_BOUNDS;
+
+/* One image of a file. */
+typedef struct PXF_IMAGE_DESC {
+    int32_t image_kind; /* 1 for the first image of a file, 2 for the others */
+    PXF_RESPONSE_CURVE curve;
+    char *aspect;       /* format name in the format defaults */
+    int32_t x_res, y_res;
+    float aspect_ratio;
+    PXF_BOUNDS window;
+    PXF_BOUNDS active_window;
+    int32_t step;
+    int32_t orientation; /* bit 0: scanlines come bottom up */
+    PXF_CHAN_GROUP chan;
+    PXF_CHAN_GROUP matte;
+    PXF_CHAN_GROUP aux;
+    PXF_CHAN_GROUP index;
+} PXF_IMAGE_DESC;
+
+/* A type-specific setting: an integer (code 0) or a float (code 1). */
+typedef struct PXF_CAP_SETTING {
+    uint16_t code;
+    union {
+        int32_t integer;
+        float real;
+    } value;
+} PXF_CAP_SETTING;
+
+/* One palette entry. */
+typedef struct PXF_LUT_ENTRY {
+    uint16_t red, green, blue, flags;
+} PXF_LUT_ENTRY;
+
+typedef struct PXF_LUT {
+    PXF_LUT_ENTRY *entries;
+    int32_t maximum; /* highest used index */
+    uint32_t count;  /* allocated entries */
+    float gamma;
+} PXF_LUT;
+
+/* The image description. */
+typedef struct PXF_INFO {
+    char *key;           /* driver key; null: chosen by the file name */
+    char *handle;        /* file name */
+    uint8_t option_flag;
+    char *name;
+    char *ext;
+    char *desc;
+    char *program;
+    char *machine;
+    char *user;
+    char *date;
+    char *text_a;
+    char *text_b;
+    char *compression;
+    PXF_CAP_SETTING **specific; /* null-terminated settings list */
+    uint8_t flag_b;
+    uint64_t value_b;
+    int32_t job_num;     /* 0: taken from QV_JOB_NUM */
+    int32_t frame;
+    int32_t frame_extra;
+    uint32_t init_magic; /* PXF_INFO_MAGIC while initialised */
+    float red_pri[3];
+    float green_pri[3];
+    float blue_pri[3];
+    float white_pt[3];
+    int32_t num_images;
+    PXF_IMAGE_DESC *images;
+    int32_t frame_step;
+    float frame_rate;
+    int32_t field_a, field_b, field_c;
+    uint8_t open_flag;
+    uint64_t value_c, value_d, value_e;
+    uint8_t reserved[16];
+} PXF_INFO;
+
+/*
+ * Scan function: private data, scanline, pointer to the caller's array of
+ * channel-row pointers, the handle's private-data array.  0 or negative.
+ */
+typedef int (*PXF_SCAN_FN)(void *private_data, int line, void ***rows, void **private_table);
+typedef int (*PXF_CLOSE_FN)(struct PXF_IMAGE *image);
+typedef int (*PXF_SEEK_FN)(void *private_data, int line);
+typedef int (*PXF_LUT_READ_FN)(void *private_data, PXF_LUT **lut);
+typedef int (*PXF_DIRECT_SCAN_FN)(void *private_data, int line, void *buffer, int64_t arg,
+                                  int count, float value);
+/* A slot whose signature belongs to the layer that fills it. */
+typedef void (*PXF_SLOT_FN)(void);
+
+/* An open image. */
+typedef struct PXF_IMAGE {
+    void **private_data; /* element 0 goes to every driver function */
+    PXF_INFO info;
+    int32_t mode;        /* PXF_MODE_READ or PXF_MODE_WRITE */
+    PXF_LUT_READ_FN lut_read;
+    PXF_SCAN_FN scan;
+    PXF_CLOSE_FN close;
+    PXF_SLOT_FN get_region;
+    PXF_SLOT_FN get_frame;
+    PXF_SLOT_FN set_frame;
+    PXF_SLOT_FN playback;
+    PXF_SLOT_FN field;
+    PXF_SLOT_FN slot_f;
+    PXF_SLOT_FN slot_g;
+    PXF_SLOT_FN slot_h;
+    PXF_SLOT_FN slot_i;
+    PXF_SEEK_FN seek;
+    int32_t current_line; /* last scanline read or written */
+    struct PXF_TYPE *driver;
+    PXF_DIRECT_SCAN_FN direct_scan;
+    pthread_mutex_t lock;
+} PXF_IMAGE;
+
+/* Driver functions. */
+typedef int (*PXF_INIT_FN)(void);
+typedef int (*PXF_OPEN_FN)(PXF_IMAGE *image);
+typedef int (*PXF_IS_FILE_FN)(const char *path, void *arg);
+typedef int (*PXF_CAPABILITY_FN)(PXF_CAP_SETTING ***settings, int *a, int *b, int *c);
+typedef int (*PXF_DRIVER_FN)(void *arg);
+
+/*
+ * One driver: a plug-in's image... symbols, or a built-in driver.  The same
+ * record is used for the entries of pxf__type_list_dso and for the records
+ * of the registry list (where `next` links them).
+ */
+typedef struct PXF_TYPE {
+    struct PXF_TYPE *next;
+    int32_t builtin;
+    const char *version;
+    const char *key;
+    const char *extension;
+    const char *name;
+    const char *description;
+    const char *format_string;
+    const char *name_syntax;
+    int32_t add_extension;
+    int32_t usage;
+    int32_t orientation;
+    int32_t bits_per_palette_entry;
+    int32_t number_of_channels;
+    int32_t bits_per_channel;
+    int32_t number_of_mattes;
+    int32_t bits_per_matte;
+    int32_t number_of_z_channels;
+    int32_t bits_per_z_channel;
+    int32_t supports_active_window;
+    int32_t access;
+    int32_t multi_frame;
+    uint8_t hard_link_duplicates;
+    uint8_t supports_remote_access;
+    PXF_CAPABILITY_FN capability;
+    PXF_DRIVER_FN caps_avail_update;
+    PXF_OPEN_FN read_open;
+    PXF_OPEN_FN write_open;
+    PXF_DRIVER_FN done;
+    PXF_IS_FILE_FN is_file;
+    PXF_DRIVER_FN private_ui_popup;
+    PXF_DRIVER_FN private_ui_popdown;
+    /* When text_number is non-zero the description is catalogue text
+     * (text_set, text_number) with `description` as its default. */
+    int32_t text_set;
+    int32_t text_number;
+} PXF_TYPE;
+
+/* Enumerator: delivers one loaded plug-in library per call; false when done. */
+typedef int (*PXF_ENUMERATOR)(void **library, const char **name);
+
+/* ---- Image description ---- */
+
+/* Byte size of the data block of the most recent pxf__chan_alloc. */
+PXF_API extern int chan_alloc_size;
+/* Largest number of type-specific input / output settings of any driver. */
+PXF_API extern int pxf__specific_input_max;
+PXF_API extern int pxf__specific_output_max;
+
+PXF_API void PXF_info_init(PXF_INFO *info);
+PXF_API PXF_INFO *PXF_info_alloc(void);
+PXF_API void PXF_info_cleanup(PXF_INFO *info, int free_fields);
+/* Always returns null: info = PXF_info_free(info, 1). */
+PXF_API PXF_INFO *PXF_info_free(PXF_INFO *info, int free_fields);
+PXF_API void PXF_info_num_specific(int *input, int *output);
+PXF_API void PXF_info_get_specific(const char *key, PXF_TYPE *entry, PXF_CAP_SETTING ***settings,
+                                   int *a, int *b, int *c);
+
+/* Channel buffers: one row pointer per channel (image, matte, aux, index)
+ * over one zero-filled block; rows are padded to 8 bytes. */
+PXF_API void **pxf__chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name);
+PXF_API void **PXF_chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name, int *size);
+PXF_API int pxf__chan_free(void **buffer);
+PXF_API int PXF_chan_free(void **buffer);
+PXF_API int pxf__chan_copy_byte(void **dst, void **src, int channels, int elements);
+PXF_API int pxf__chan_copy_short(void **dst, void **src, int channels, int elements);
+PXF_API int pxf__chan_copy_long(void **dst, void **src, int channels, int elements);
+
+PXF_API PXF_LUT *PXF_lut_alloc(uint32_t count);
+PXF_API PXF_LUT *PXF_lut_free(PXF_LUT *lut);
+PXF_API PXF_LUT *PXF_lut_copy(const PXF_LUT *lut);
+PXF_API PXF_LUT *PXF_lut_realloc(PXF_LUT *lut, uint32_t count);
+PXF_API int PXF_lut_read(PXF_IMAGE *image, PXF_LUT **lut);
+
+PXF_API PXF_CAP_SETTING *PXF_cap_setting_alloc(int count);
+PXF_API PXF_CAP_SETTING **PXF_cap_setting_copy(PXF_CAP_SETTING **settings);
+PXF_API int PXF_cap_setting_compare(PXF_CAP_SETTING **a, PXF_CAP_SETTING **b);
+
+/* Frees the tables of a table curve; always 1. */
+PXF_API int PXF_response_curve_done(PXF_RESPONSE_CURVE *curve);
+
+/* ---- Open, scan, seek and close ---- */
+
+PXF_API PXF_IMAGE *PXF_open(PXF_INFO *info, const char *mode);
+PXF_API int PXF_scan_read(PXF_IMAGE *image, int line, void ***rows);
+PXF_API int PXF_scan_write(PXF_IMAGE *image, int line, void ***rows);
+PXF_API int PXF_direct_scan_read(PXF_IMAGE *image, int line, void *buffer, int64_t arg, int count,
+                                 float value);
+PXF_API int PXF_direct_scan_write(PXF_IMAGE *image, int line, void *buffer, int64_t arg, int count,
+                                  float value);
+/* -1 is the start of the image; *image may be replaced (or nulled). */
+PXF_API int PXF_seek(PXF_IMAGE **image, int line);
+PXF_API int PXF_close(PXF_IMAGE *image);
+PXF_API int PXF_close_do_it(PXF_IMAGE *image);
+
+PXF_API int pxf__init_obj(PXF_IMAGE *image, int mode);
+PXF_API int pxf__build_obj(PXF_IMAGE *image, PXF_INFO *info);
+PXF_API int pxf__dupl_obj(PXF_IMAGE *copy, PXF_IMAGE *image);
+PXF_API int pxf__init_ifd(PXF_IMAGE *image);
+PXF_API int pxf__build_ifd(PXF_IMAGE *image, PXF_INFO *info);
+PXF_API int pxf__free_obj(PXF_IMAGE *image);
+/* Returns a static buffer overwritten by the next call. */
+PXF_API char *pxf__build_handle(const char *dir, const char *name, const char *ext);
+PXF_API int pxf__image_verify(const char *name, PXF_IMAGE *image, int index);
+PXF_API int pxf__matte_verify(const char *name, PXF_IMAGE *image, int index);
+PXF_API int pxf__aux_verify(const char *name, PXF_IMAGE *image, int index);
+
+/* Multi-frame layer hooks of the open and close paths. */
+PXF_API PXF_IMAGE *PXF_multiframe_open(PXF_INFO *info, const char *mode);
+PXF_API int PXF_multiframe_add(PXF_IMAGE *image);
+PXF_API int PXF_multiframe_used(PXF_IMAGE *image);
+PXF_API int PXF_multiframe_set_closed(PXF_IMAGE *image);
+
+/* ---- Driver registry ---- */
+
+PXF_API extern PXF_TYPE *pxf__type_list_dso;
+PXF_API extern int pxf__num_pxf_types_dso;
+
+PXF_API int PXF_init(nl_catd catalog, PXF_ENUMERATOR enumerator);
+PXF_API void PXF_exit(void);
+PXF_API PXF_TYPE *PXF_find(const char *key);
+PXF_API PXF_TYPE *PXF_info(void);
+PXF_API char *PXF_def_key(void);
+PXF_API char *PXF_def_base_name(void);
+PXF_API const char *PXF_get_file_type(const char *path, void *arg, int *decided);
+PXF_API const char *PXF_is_file_type(const char *path, void *arg, const char *key, int *decided);
+PXF_API int PXF_getFormatKeys(const char **keys);
+PXF_API int PXF_getPluginNames(char **names);
+PXF_API void PXF_getPluginNamesWithFilters(char *buffer);
+PXF_API void PXF_getOnlyExtensions(char *buffer);
+PXF_API int PXF_getPluginNameFromKey(const char *key, char *name);
+PXF_API int PXF_isMultiFrameFormat(const char *key);
+PXF_API int PXF_hasWriteSupport(const char *key);
+PXF_API int PXF_hasReadSupport(const char *key);
+PXF_API const char *PXF_name_from_key(const char *key);
+PXF_API int PXF_capabilities_available(PXF_TYPE *record);
+PXF_API int PXF_private_ui_popup(const char *key, void *arg);
+PXF_API int PXF_private_ui_popdown(const char *key, void *arg);
+PXF_API void PXF_symbols(void);
+PXF_API int PXF_getPluginExtensions(const char **extensions);
+PXF_API int PXF_getKeyFromPluginName(const char *name, char *key);
+PXF_API int PXF_getExtFromPluginName(const char *name, char *ext);
+PXF_API int PXF_getExtFromFormatKey(const char *key, char *ext);
+
+/* Words every party spells the same way. */
+PXF_API extern const char PXF_LITERAL_HARD_KEY_none[];
+PXF_API extern const char PXF_LITERAL_HARD_KEY_img[];
+PXF_API extern const char PXF_LITERAL_HARD_KEY_frame_proc[];
+PXF_API extern const char PXF_LITERAL_HARD_KEY_dir[];
+PXF_API extern const char PXF_LITERAL_HARD_FORMAT_TYPE_XYZ[];
+PXF_API extern const char PXF_LITERAL_HARD_FORMAT_TYPE_SAMPLED[];
+PXF_API extern const char PXF_LITERAL_HARD_FORMAT_TYPE_RGB[];
+PXF_API extern const char PXF_LITERAL_HARD_FORMAT_TYPE_RAW[];
+PXF_API extern const char PXF_LITERAL_HARD_NS_Name[];
+PXF_API extern const char PXF_LITERAL_HARD_NS_Field[];
+PXF_API extern const char PXF_LITERAL_HARD_NS_Ext[];
+PXF_API extern const char PXF_LITERAL_HARD_NS_Default[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_version[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_reserved[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_maximum[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_locked[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_gamma[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_entry[];
+PXF_API extern const char PXF_LITERAL_HARD_LUT_entries[];
+
+/* ---- Built-in drivers ---- */
+
+/* 4: the pipe carries 4 channels per scanline, otherwise 3. */
+PXF_API extern int pipe_number;
+PXF_API int PXF_pipe_is_file(const char *path, void *arg);
+PXF_API int PXF_pipe_r_open(PXF_IMAGE *image);
+PXF_API int PXF_pipe_w_open(PXF_IMAGE *image);
+PXF_API int PXF_mem_is_file(const char *path, void *arg);
+PXF_API int PXF_mem_r_open(PXF_IMAGE *image);
+PXF_API int PXF_mem_w_open(PXF_IMAGE *image);
 
 /* ---- File names with frame numbers ---------------------------------- */
 

@@ -1,0 +1,56 @@
+// Helpers for the image-core tests: the numbered catalogue, plug-in loading
+// and image descriptions.
+#pragma once
+
+#include <nl_types.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <pxf/pxf.h>
+
+namespace pxf::test {
+
+// The catalogue whose set-902 texts start with "[number] ".
+inline nl_catd numbered_catalog() {
+#ifdef TEST_CATALOG
+    return catopen(TEST_CATALOG, 0);
+#else
+    return nullptr;
+#endif
+}
+
+// "[n] text"
+inline std::string numbered(int n, const std::string &text) { return "[" + std::to_string(n) + "] " + text; }
+
+// Opens the named test plug-ins (file stems in the plug-in folder) and
+// hands them to PXF_init, in order.  Returns PXF_init's result.
+int init_with_plugins(const std::vector<std::string> &names, nl_catd catalog = nullptr);
+
+// A description of one image, window 0..width-1 x 0..height-1, groups all
+// integer of the given width (index 16).
+inline PXF_IMAGE_DESC describe(int width, int height, int channels, int bits, int mattes = 0, int aux = 0,
+                               int type = PXF_C_INTEGER) {
+    PXF_IMAGE_DESC d;
+    std::memset(&d, 0, sizeof d);
+    d.image_kind = 1;
+    d.curve.kind = PXF_CURVE_GAMMA;
+    d.curve.gamma = 1.0f;
+    d.window = {0, width - 1, 0, height - 1};
+    d.active_window = d.window;
+    d.step = d.orientation = 1;
+    d.chan = {nullptr, channels, type, bits, 0};
+    d.matte = {nullptr, mattes, type, bits, 0};
+    d.aux = {nullptr, aux, type, bits, 0};
+    d.index = {nullptr, 0, PXF_C_INTEGER, 16, 0};
+    return d;
+}
+
+// An initialised info for `images` (not owned), with a heap copy of key and name.
+inline void set_text(char *&field, const char *value) {
+    free(field);
+    field = value ? strdup(value) : nullptr;
+}
+
+}  // namespace pxf::test
