@@ -151,7 +151,7 @@ TEST(RlaEncode, KnownPackets) {
     EXPECT_TRUE(packed[0] == 0x80 && packed[129] == 0x80 && packed[258] == 256 - 44);
 
     const std::vector<uint16_t> shorts{1, 2, 0x1234, 0x1234, 0x1234};
-    unsigned char out[8] = {kCanary};
+    unsigned char out[16] = {kCanary};
     EXPECT_EQ(rla__enc_short(shorts.data(), 5, 0, out), 0);
     EXPECT_EQ(out[0], kCanary);
     ASSERT_EQ(rla__enc_short(shorts.data(), 2, 3, out), 4);  // from the start element on
