@@ -15,7 +15,7 @@
 
 namespace {
 
-std::string path;
+char path[32];
 FILE *null_out;
 
 int quiet(const char *, int, const char *, ERR_DESCRIPTOR *, void *) { return 0; }
@@ -53,28 +53,33 @@ std::vector<Item> read_all() {
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     ERR_dcl_handler(nullptr, quiet, nullptr);
-    char name[] = "/tmp/rsc-fuzz-XXXXXX";
-    int fd = mkstemp(name);
+    // In memory if possible: every input is written, opened and rewritten.
+    char shm[] = "/dev/shm/rsc-fuzz-XXXXXX";
+    char tmp[] = "/tmp/rsc-fuzz-XXXXXX";
+    char *name = shm;
+    int fd = mkstemp(shm);
+    if (fd < 0) fd = mkstemp(name = tmp);
     if (fd < 0) std::abort();
     close(fd);
-    path = name;
+    std::strcpy(path, name);
+    std::atexit([] { std::remove(path); });
     null_out = std::fopen("/dev/null", "w");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, std::size_t size) {
-    FILE *f = std::fopen(path.c_str(), "wb");
+    FILE *f = std::fopen(path, "wb");
     if (!f) std::abort();
     if (size) std::fwrite(bytes, 1, size, f);
     std::fclose(f);
 
-    if (RSC_file_open(path.c_str())) {
+    if (RSC_file_open(path)) {
         std::vector<Item> before = read_all();
         RSC_file_status(nullptr, null_out);
         bool rewrite = !before.empty() && RSC_rsrc_markc(before[0].type.c_str(), before[0].name.c_str());
         if (!RSC_file_close(nullptr)) std::abort();
         if (rewrite) {
-            if (!RSC_file_open(path.c_str())) std::abort();
+            if (!RSC_file_open(path)) std::abort();
             std::vector<Item> after = read_all();
             if (after.size() != before.size()) std::abort();
             for (std::size_t i = 0; i < after.size(); ++i)
