@@ -19,8 +19,15 @@ inline constexpr int kErrFieldMismatch = -1;
 inline constexpr int kErrBadScanline = -2;
 inline constexpr int kErrUnknownType = -4;
 inline constexpr int kErrMissingField = -5;
+inline constexpr int kErrNoKey = -9;          // name building: no driver for the key or name
 inline constexpr int kErrNoMemory = -10;
+inline constexpr int kErrMalformed = -11;     // name syntax or format string
+inline constexpr int kErrNoMatch = -12;       // pathname does not fit the name syntax
+inline constexpr int kErrEmptySyntax = -13;
+inline constexpr int kErrTooLong = -14;       // pathname too long
+inline constexpr int kErrEmptyPath = -15;
 inline constexpr int kErrCannotDo = -16;
+inline constexpr int kErrNoOutput = -17;      // no frame or output buffer
 inline constexpr int kErrFlush = -20;
 
 #pragma GCC diagnostic push

@@ -3,15 +3,17 @@
 
 #include <pxf/pxf.h>
 
+#include "foundation/report.h"
+
 namespace pxf::naming {
 
-inline constexpr int kErrNoKey = -9;
-inline constexpr int kErrMalformed = -11;
-inline constexpr int kErrNoMatch = -12;
-inline constexpr int kErrEmptySyntax = -13;
-inline constexpr int kErrTooLong = -14;
-inline constexpr int kErrEmptyPath = -15;
-inline constexpr int kErrNoOutput = -17;
+using pxf::kErrEmptyPath;
+using pxf::kErrEmptySyntax;
+using pxf::kErrMalformed;
+using pxf::kErrNoKey;
+using pxf::kErrNoMatch;
+using pxf::kErrNoOutput;
+using pxf::kErrTooLong;
 
 // Frees the matched texts of a token array, then the array.
 void free_tokens(PXF_NS_TOKEN *tokens) noexcept;
