@@ -91,7 +91,7 @@ private:
 };
 
 bool same_file(const File *f, const char *name) noexcept {
-    return std::strcmp(f->name, name) == 0 || std::strcmp(f->spec, name) == 0;
+    return std::strcmp(f->name, name) == 0 || std::strcmp(f->location, name) == 0;
 }
 
 File *lookup(const char *name) noexcept {
@@ -101,17 +101,17 @@ File *lookup(const char *name) noexcept {
 }
 
 // A file record in a region of its own, holding copies of both names.
-File *new_file(const char *spec, const char *name) noexcept {
+File *new_file(const char *location, const char *name) noexcept {
     DST_MEM *region = DST_mem_init(kRegionChunk);
     File *f = region ? static_cast<File *>(DST_mem_ptr(region, sizeof(File))) : nullptr;
-    char *spec_copy = f ? DST_mem_str_ptr(region, spec) : nullptr;
+    char *spec_copy = f ? DST_mem_str_ptr(region, location) : nullptr;
     char *name_copy = spec_copy ? DST_mem_str_ptr(region, name) : nullptr;
     if (!name_copy) {
         DST_mem_free(region);
         return fail<File *>(nullptr, kErrNoMemory, kSetMessages, 94, "No more internal memory");
     }
     *f = File{};
-    f->spec = spec_copy;
+    f->location = spec_copy;
     f->name = name_copy;
     f->version = RSC_VERSION;
     f->region = region;
@@ -129,25 +129,25 @@ void free_file(File *f) noexcept {
 // count, offset and length against the file's size before anything is
 // allocated for it, so a damaged file costs no more memory than its size.
 bool read_tables(File *f, uint64_t size) noexcept {
-    const char *spec = f->spec;
+    const char *location = f->location;
     Reader in(f->stream);
     if (size < kHeaderSize)
-        return file_error(kMsgTruncatedHeader, "Resource file %s is too short for its header (%ld bytes)", spec,
+        return file_error(kMsgTruncatedHeader, "Resource file %s is too short for its header (%ld bytes)", location,
                           static_cast<long>(size));
     uint32_t version = 0, type_count = 0, type_table = 0;
     if (!in.seek(0) || !in.slot(&version) || !in.slot(&type_count) || !in.slot(&type_table))
-        return file_error(kMsgReadFailed, "Cannot read resource file %s", spec);
+        return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
     if (version != RSC_VERSION)
-        return file_error(kMsgBadVersion, "Resource file %s has version %ld; only version %d is supported", spec,
+        return file_error(kMsgBadVersion, "Resource file %s has version %ld; only version %d is supported", location,
                           static_cast<long>(version), RSC_VERSION);
     f->version = version;
     uint64_t type_table_end = type_table + uint64_t{type_count} * kTypeEntrySize;
     if (type_count && type_table_end > size)
         return file_error(kMsgTypeTablePastEnd,
                           "Resource file %s: its type table (%ld types at offset %ld) lies past the end of the file",
-                          spec, static_cast<long>(type_count), static_cast<long>(type_table));
+                          location, static_cast<long>(type_count), static_cast<long>(type_table));
     if (type_count && type_table < kHeaderSize)
-        return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", spec);
+        return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", location);
 
     // What the resource tables may take at most: the file less header and type table.
     uint64_t budget = size - kHeaderSize - uint64_t{type_count} * kTypeEntrySize;
@@ -161,12 +161,12 @@ bool read_tables(File *f, uint64_t size) noexcept {
         return false;
     }
 
-    if (type_count && !in.seek(type_table)) return file_error(kMsgReadFailed, "Cannot read resource file %s", spec);
+    if (type_count && !in.seek(type_table)) return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
     for (uint32_t i = 0; i < type_count; ++i) {
         unsigned char entry[kTypeEntrySize];
-        if (!in.bytes(entry, sizeof entry)) return file_error(kMsgReadFailed, "Cannot read resource file %s", spec);
+        if (!in.bytes(entry, sizeof entry)) return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
         if (std::memchr(entry, 0, 4))
-            return file_error(kMsgBadTypeCode, "Resource file %s: type %ld has a null byte in its code", spec,
+            return file_error(kMsgBadTypeCode, "Resource file %s: type %ld has a null byte in its code", location,
                               static_cast<long>(i));
         auto *t = static_cast<Type *>(region_alloc(f, sizeof(Type)));
         if (!t) return false;
@@ -184,7 +184,7 @@ bool read_tables(File *f, uint64_t size) noexcept {
         if (codes.get()[i] == codes.get()[i - 1]) {
             char text[5];
             text_of(codes.get()[i], text);
-            return file_error(kMsgBadTypeCode, "Resource file %s lists type %s twice", spec, text);
+            return file_error(kMsgBadTypeCode, "Resource file %s lists type %s twice", location, text);
         }
 
     std::size_t n_extents = 0;
@@ -198,35 +198,35 @@ bool read_tables(File *f, uint64_t size) noexcept {
             return file_error(kMsgResourceTablePastEnd,
                               "Resource file %s: the resource table of type %s (%ld resources at offset %ld) lies "
                               "past the end of the file",
-                              spec, t->text, static_cast<long>(t->count), static_cast<long>(at));
-        if (least > budget) return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", spec);
+                              location, t->text, static_cast<long>(t->count), static_cast<long>(at));
+        if (least > budget) return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", location);
         budget -= least;
-        if (!in.seek(at)) return file_error(kMsgReadFailed, "Cannot read resource file %s", spec);
+        if (!in.seek(at)) return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
         for (uint32_t j = 0; j < t->count; ++j) {
             unsigned char length_bytes[2];
             if (!in.bytes(length_bytes, sizeof length_bytes))
-                return file_error(kMsgReadFailed, "Cannot read resource file %s", spec);
+                return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
             uint32_t length = (uint32_t{length_bytes[0]} << 8) | length_bytes[1];
             if (at + kMinResourceEntrySize + length > size)
                 return file_error(kMsgNamePastEnd,
                                   "Resource file %s: the name of resource %ld of type %s runs past the end of the file",
-                                  spec, static_cast<long>(j), t->text);
-            if (length > budget) return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", spec);
+                                  location, static_cast<long>(j), t->text);
+            if (length > budget) return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", location);
             budget -= length;
             auto *r = static_cast<Resource *>(region_alloc(f, sizeof(Resource)));
             char *name = r ? static_cast<char *>(region_alloc(f, length + 1)) : nullptr;
             if (!name) return false;
             uint32_t offset = 0, data_size = 0;
             if (!in.bytes(name, length) || !in.slot(&offset) || !in.slot(&data_size))
-                return file_error(kMsgReadFailed, "Cannot read resource file %s", spec);
+                return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
             name[length] = '\0';
             if (std::memchr(name, 0, length))
-                return file_error(kMsgBadName, "Resource file %s: a resource name of type %s holds a null byte", spec,
+                return file_error(kMsgBadName, "Resource file %s: a resource name of type %s holds a null byte", location,
                                   t->text);
             if (data_size > kSizeMask || uint64_t{offset} + data_size > size)
                 return file_error(kMsgDataPastEnd,
                                   "Resource file %s: the data of resource %s of type %s lies past the end of the file",
-                                  spec, name, t->text);
+                                  location, name, t->text);
             *r = Resource{nullptr, name, length, offset, nullptr, data_size};
             DST_ll_addt(&t->resources, r);
             at += kMinResourceEntrySize + length;
@@ -237,7 +237,7 @@ bool read_tables(File *f, uint64_t size) noexcept {
     Extent *e = extents.get();
     std::sort(e, e + n_extents, [](const Extent &a, const Extent &b) { return a.begin < b.begin; });
     for (std::size_t i = 1; i < n_extents; ++i)
-        if (e[i].begin < e[i - 1].end) return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", spec);
+        if (e[i].begin < e[i - 1].end) return file_error(kMsgTablesOverlap, "Resource file %s: its tables overlap", location);
     return true;
 }
 
@@ -260,18 +260,18 @@ FILE *try_open(const char *path, bool *writable, int *error) noexcept {
 }
 
 // The name as given, then along the search path unless it is absolute.
-// On success *spec holds the path found (from the library heap).
-FILE *search(const char *name, char **spec, bool *writable) noexcept {
+// On success *location holds the path found (from the library heap).
+FILE *search(const char *name, char **location, bool *writable) noexcept {
     int error = ENOENT;
     FILE *stream = try_open(name, writable, &error);
     if (stream) {
-        *spec = static_cast<char *>(alloc(std::strlen(name) + 1));
-        if (!*spec) {
+        *location = static_cast<char *>(alloc(std::strlen(name) + 1));
+        if (!*location) {
             std::fclose(stream);
             pxf__err = kErrNoMemory;
             return nullptr;
         }
-        std::strcpy(*spec, name);
+        std::strcpy(*location, name);
         return stream;
     }
     int first_error = error;
@@ -289,7 +289,7 @@ FILE *search(const char *name, char **spec, bool *writable) noexcept {
             std::strcat(path.get(), name);
             stream = try_open(path.get(), writable, &error);
             if (stream) {
-                *spec = path.release();
+                *location = path.release();
                 return stream;
             }
         }
@@ -313,7 +313,7 @@ void unlink(File *f) noexcept {
 bool write_file(File *f) noexcept {
     if (!f->writable)
         return fail(false, RSC_ERR_REQUEST, kSetMessages, kMsgReadOnly,
-                    "Resource file %s was opened for reading only and cannot be changed", f->spec);
+                    "Resource file %s was opened for reading only and cannot be changed", f->location);
     for (auto *t = static_cast<Type *>(f->types.head); t; t = t->next)
         for (auto *r = static_cast<Resource *>(t->resources.head); r; r = r->next)
             if (!r->deleted() && !load(f, t, r)) return false;
@@ -326,7 +326,7 @@ bool write_file(File *f) noexcept {
             if (!r->deleted()) total += r->size() + kMinResourceEntrySize + r->name_length;
     }
     if (total > UINT32_MAX)
-        return fail(false, RSC_ERR_FILE, kSetMessages, kMsgWriteFailed, "Cannot write resource file %s; %s", f->spec,
+        return fail(false, RSC_ERR_FILE, kSetMessages, kMsgWriteFailed, "Cannot write resource file %s; %s", f->location,
                     std::strerror(EFBIG));
 
     Writer out(f->stream);
@@ -367,7 +367,7 @@ bool write_file(File *f) noexcept {
     out.slot(static_cast<uint32_t>(type_table));
     out.finish(at);
     if (!out.ok())
-        return fail(false, RSC_ERR_FILE, kSetMessages, kMsgWriteFailed, "Cannot write resource file %s; %s", f->spec,
+        return fail(false, RSC_ERR_FILE, kSetMessages, kMsgWriteFailed, "Cannot write resource file %s; %s", f->location,
                     std::strerror(out.error()));
     f->updated = false;
     f->type_count = written;
@@ -383,7 +383,7 @@ bool close_file(File *f, bool rewrite) noexcept {
 
 void print_file(const File *f, FILE *out) noexcept {
     std::fprintf(out, "Resource file\n");
-    std::fprintf(out, "\tFile spec      : %s\n", f->spec);
+    std::fprintf(out, "\tFile spec      : %s\n", f->location);
     std::fprintf(out, "\tFile name      : %s\n", f->name);
     std::fprintf(out, "\tversion        : %ld\n", static_cast<long>(f->version));
     std::fprintf(out, "\tnTypes         : %ld\n", static_cast<long>(f->type_count));
@@ -467,14 +467,14 @@ int RSC_file_open(const char *name) {
     bool writable = false;
     FILE *stream = search(name, &found, &writable);
     if (!stream) return 0;
-    pxf::HeapPtr<char> spec(found);
+    pxf::HeapPtr<char> location(found);
     // Found along the path under a name already open: the same file.
-    if (File *open = lookup(spec.get())) {
+    if (File *open = lookup(location.get())) {
         std::fclose(stream);
         current = open;
         return 1;
     }
-    File *f = new_file(spec.get(), name);
+    File *f = new_file(location.get(), name);
     if (!f) {
         std::fclose(stream);
         return 0;
@@ -522,8 +522,8 @@ int RSC_file_delete(const char *file) {
     File *f = find_file(file);
     if (!f) return 0;
     int ok = 1;
-    if (std::remove(f->spec) != 0)
-        ok = file_error(kMsgCannotRemove, "Cannot remove resource file %s; %s", f->spec, std::strerror(errno));
+    if (std::remove(f->location) != 0)
+        ok = file_error(kMsgCannotRemove, "Cannot remove resource file %s; %s", f->location, std::strerror(errno));
     close_file(f, false);
     return ok;
 }

@@ -70,7 +70,7 @@ struct Type {
 
 struct File {
     File *next;  // list link, first
-    char *spec;  // the path it was found at
+    char *location;  // the path it was found at
     char *name;  // as given to open
     FILE *stream;
     uint32_t version;

@@ -81,7 +81,7 @@ unsigned char *load(File *file, const Type *type, Resource *resource) noexcept {
         buffer_release(buffer, size);
         return fail<unsigned char *>(nullptr, RSC_ERR_FILE, kSetMessages, kMsgReadFailed,
                                      "Cannot read resource %s of type %s from resource file %s", resource->name,
-                                     type->text, file->spec);
+                                     type->text, file->location);
     }
     resource->data = buffer;
     return buffer;
@@ -111,7 +111,7 @@ bool check_name(const char *name) noexcept {
 bool check_writable(const File *f) noexcept {
     if (f->writable) return true;
     return fail(false, RSC_ERR_REQUEST, kSetMessages, kMsgReadOnly,
-                "Resource file %s was opened for reading only and cannot be changed", f->spec);
+                "Resource file %s was opened for reading only and cannot be changed", f->location);
 }
 
 // A live resource found along the search order, with its file and type.
