@@ -6,7 +6,7 @@
 
 #include <pxf/pxf.h>
 
-#include "core/defaults.h"
+#include <pxf/fmt.h>
 #include "foundation/alloc.h"
 #include "foundation/report.h"
 #include "operators/chain.h"

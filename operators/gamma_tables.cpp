@@ -7,7 +7,7 @@
 
 #include <pxf/pxf.h>
 
-#include "core/defaults.h"
+#include <pxf/fmt.h>
 #include "foundation/alloc.h"
 
 namespace {

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstring>
 
+#include <pxf/fmt.h>
+
 #include "support/test_support.h"
 #include "synthetic.h"
 
@@ -103,6 +105,7 @@ TEST(Cast, OutOfMemoryLeavesChainAndDescriptionAsTheyWere) {
     image->info.images[0].curve.gamma = 2.2f;
     PXF_IMAGE_DESC before = image->info.images[0];
     void *driver = image->private_data[0];
+    FMT_def_gamma_tab_res();  // the defaults are read before, not during, the loop
     pxf::test::ReportCapture capture;
     pxf::test::for_each_allocation_failure(
         [&] {

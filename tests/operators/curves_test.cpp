@@ -6,15 +6,26 @@
 #include <cstdlib>
 #include <vector>
 
+#include <pxf/fmt.h>
 #include <pxf/pxf.h>
 
 #include "support/test_support.h"
 
 namespace {
 
-constexpr int R = 4096;  // the default gamma-table resolution
+// Runs `check` with the configured gamma-table resolution and with 1024.
+template <class F>
+void for_each_resolution(F check) {
+    int configured = FMT_def_gamma_tab_res();
+    for (int r : {configured, 1024}) {
+        fmt__gamma_tab_res = r;
+        check(r);
+    }
+    fmt__gamma_tab_res = configured;
+}
 
 TEST(GammaTables, EightBitInputTablesFollowThePowerWithASlopeFloor) {
+    for_each_resolution([](int R) {
     for (float g : {1.0f, 2.2f, 0.45f}) {
         float *f = PXF_gamma_btof(g);
         uint16_t *s = PXF_gamma_btos(g);
@@ -33,9 +44,11 @@ TEST(GammaTables, EightBitInputTablesFollowThePowerWithASlopeFloor) {
         EXPECT_EQ(PXF_gamma_done(f), 1);
         EXPECT_EQ(PXF_gamma_done(s), 1);
     }
+    });
 }
 
 TEST(GammaTables, ResolutionInputTablesStayBelowTheIdentity) {
+    for_each_resolution([](int R) {
     for (float g : {2.2f, 1.0f}) {
         uint8_t *b = PXF_gamma_tob(g);
         float *f = PXF_gamma_tof(g);
@@ -53,9 +66,11 @@ TEST(GammaTables, ResolutionInputTablesStayBelowTheIdentity) {
         PXF_gamma_done(b);
         PXF_gamma_done(f);
     }
+    });
 }
 
 TEST(GammaTables, OutOfMemoryGivesNull) {
+    FMT_def_gamma_tab_res();  // the defaults are read before, not during, the loop
     pxf::test::ReportCapture capture;
     pxf::test::for_each_allocation_failure([] {
         void *t = PXF_gamma_tof(2.2f);
