@@ -1,0 +1,175 @@
+// Field pairs read as one interlaced frame, over memory images named like
+// field files.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mem_images.h"
+#include "support/test_support.h"
+
+namespace {
+
+using pxf::test::mem_desc;
+using pxf::test::read_mem;
+using pxf::test::write_mem;
+
+constexpr int W = 6, H = 4;  // one field
+
+// Field file n holds n * 40 + line * 8 + x in every channel.
+uint8_t field_value(int n, int line, int x) { return uint8_t(n * 40 + line * 8 + x); }
+
+class FieldPair : public ::testing::Test {
+protected:
+    void TearDown() override {
+        for (PXF_IMAGE *w : writers_) PXF_close(w);
+        PXF_exit();
+    }
+    // Writes field files `odd` and `even` (frame numbers 7 and 8).
+    void write_pair(const std::string &odd, const std::string &even, PXF_IMAGE_DESC odd_desc = mem_desc(W, H, 3),
+                    PXF_IMAGE_DESC even_desc = mem_desc(W, H, 3),
+                    const std::function<void(PXF_INFO &)> &adjust_even = nullptr) {
+        writers_.push_back(write_mem(odd, odd_desc, [](int l, int x, int) { return field_value(7, l, x); }));
+        writers_.push_back(
+            write_mem(even, even_desc, [](int l, int x, int) { return field_value(8, l, x); }, adjust_even));
+    }
+    std::vector<PXF_IMAGE *> writers_;
+};
+
+// Reads every frame scanline: even ones from file 7, odd ones from file 8.
+void expect_interlaced(PXF_IMAGE *frame) {
+    for (int y = 0; y < 2 * H; ++y) {
+        void **rows = nullptr;
+        ASSERT_EQ(PXF_scan_read(frame, y, &rows), 0) << y;
+        for (int x = 0; x < W; ++x)
+            ASSERT_EQ(static_cast<uint8_t *>(rows[2])[x], field_value(y % 2 ? 8 : 7, y / 2, x)) << y << " " << x;
+    }
+}
+
+TEST_F(FieldPair, TwoFieldsReadAsOneFrameOfTwiceTheHeight) {
+    PXF_IMAGE_DESC odd = mem_desc(W, H, 3), even = mem_desc(W, H, 3);
+    odd.active_window = {1, 4, 0, 2};
+    even.active_window = {2, 5, 1, 3};
+    write_pair("shot.0007", "shot.0008", odd, even);
+    for (const char *given : {"shot.0007", "shot.0008"}) {
+        PXF_IMAGE *field = read_mem(given);
+        ASSERT_NE(field, nullptr);
+        PXF_IMAGE *frame = PXF__field_init(field);
+        ASSERT_NE(frame, field) << given;
+        EXPECT_EQ(frame->mode, PXF_MODE_WRITE);
+        ASSERT_EQ(frame->info.num_images, 1);
+        const PXF_IMAGE_DESC &d = frame->info.images[0];
+        EXPECT_EQ(d.window.bottom, 0);
+        EXPECT_EQ(d.window.top, 2 * (H - 1) + 1);
+        EXPECT_EQ(d.window.right, W - 1);
+        // The union of both active windows, doubled vertically.
+        EXPECT_EQ(d.active_window.left, 1);
+        EXPECT_EQ(d.active_window.right, 5);
+        EXPECT_EQ(d.active_window.bottom, 0);
+        EXPECT_EQ(d.active_window.top, 7);
+        auto *record = static_cast<PXF_OPERATOR *>(frame->private_data[0]);
+        EXPECT_EQ(record->tag, PXF_OP_FIELD);
+        expect_interlaced(frame);
+        // Frame scanline 5 is scanline 2 of the even-numbered file.
+        void **rows = nullptr;
+        ASSERT_EQ(PXF_scan_read(frame, 5, &rows), 0);
+        EXPECT_EQ(static_cast<uint8_t *>(rows[0])[3], field_value(8, 2, 3));
+        EXPECT_EQ(PXF_close(frame), 0);  // closes both fields
+    }
+}
+
+TEST_F(FieldPair, PartnerNamesHaveFourDigitsAndNoDriverExtension) {
+    write_pair("take.07", "take.0008");
+    PXF_IMAGE *field = read_mem("take.07");
+    PXF_IMAGE *frame = PXF__field_init(field);
+    ASSERT_NE(frame, field);
+    expect_interlaced(frame);
+    PXF_close(frame);
+
+    write_pair("clip.0007.mem", "clip.0008");
+    field = read_mem("clip.0007.mem");
+    frame = PXF__field_init(field);
+    ASSERT_NE(frame, field);
+    expect_interlaced(frame);
+    PXF__field_done(frame);
+}
+
+TEST_F(FieldPair, NamesWithoutAFieldNumberAreLeftAlone) {
+    for (const char *name : {"nodot", "shot.00a7", "shot."}) {
+        writers_.push_back(write_mem(name, mem_desc(W, H, 3), [](int, int, int) { return uint8_t(1); }));
+        PXF_IMAGE *field = read_mem(name);
+        pxf::test::ReportCapture capture;
+        EXPECT_EQ(PXF__field_init(field), field) << name;
+        EXPECT_TRUE(capture.reports().empty());
+        PXF_close(field);
+    }
+    // A partner that does not exist.
+    writers_.push_back(write_mem("alone.0011", mem_desc(W, H, 3), [](int, int, int) { return uint8_t(1); }));
+    PXF_IMAGE *field = read_mem("alone.0011");
+    EXPECT_EQ(PXF__field_init(field), field);
+    PXF_close(field);
+}
+
+TEST_F(FieldPair, MismatchedFieldsAreRefusedInOrder) {
+    struct Case {
+        const char *message;
+        std::function<void(PXF_IMAGE_DESC &)> change_desc;
+        std::function<void(PXF_INFO &)> change_info;
+    };
+    const Case cases[] = {
+        {"Field frames have different color primaries", nullptr, [](PXF_INFO &i) { i.white_pt[1] += 0.01f; }},
+        {"Field frames have different gammas", [](PXF_IMAGE_DESC &d) { d.curve.gamma = 2.2f; }, nullptr},
+        {"Field frames have different image channel properties",
+         [](PXF_IMAGE_DESC &d) { d.chan.format = const_cast<char *>("xyz"); }, nullptr},
+        {"Field frames have different image channel properties", [](PXF_IMAGE_DESC &d) { d.chan.count = 4; },
+         nullptr},
+        {"Field frames have different matte channel properties", [](PXF_IMAGE_DESC &d) { d.matte.count = 1; },
+         nullptr},
+        {"Field frames have different aspect types", [](PXF_IMAGE_DESC &d) { d.aspect_ratio = 1.5f; }, nullptr},
+        {"Field frames have different image window sizes", [](PXF_IMAGE_DESC &d) { d.window.right += 1; }, nullptr},
+        // Two differences: the earlier check speaks.
+        {"Field frames have different gammas",
+         [](PXF_IMAGE_DESC &d) {
+             d.curve.gamma = 2.2f;
+             d.window.top += 1;
+         },
+         nullptr},
+    };
+    int n = 0;
+    for (const Case &c : cases) {
+        std::string odd = "bad" + std::to_string(n) + ".0007", even = "bad" + std::to_string(n) + ".0008";
+        ++n;
+        PXF_IMAGE_DESC d = mem_desc(W, H, 3);
+        if (c.change_desc) c.change_desc(d);
+        write_pair(odd, even, mem_desc(W, H, 3), d, c.change_info);
+        PXF_IMAGE *field = read_mem(odd);
+        pxf::test::ReportCapture capture;
+        EXPECT_EQ(PXF__field_init(field), field);
+        EXPECT_EQ(capture.last(), c.message);
+        EXPECT_EQ(pxf__err, PXF_E_FIELD_MISMATCH);
+        // The given field is still whole.
+        void **rows = nullptr;
+        ASSERT_EQ(PXF_scan_read(field, 1, &rows), 0);
+        EXPECT_EQ(static_cast<uint8_t *>(rows[0])[2], field_value(7, 1, 2));
+        PXF_close(field);
+    }
+}
+
+TEST_F(FieldPair, OutOfMemoryReturnsTheGivenFieldUsable) {
+    write_pair("oom.0007", "oom.0008");
+    pxf::test::ReportCapture capture;
+    pxf::test::for_each_allocation_failure([&] {
+        PXF_IMAGE *field = read_mem("oom.0007");
+        if (!field) return false;
+        PXF_IMAGE *frame = PXF__field_init(field);
+        if (frame == field) {
+            void **rows = nullptr;
+            EXPECT_EQ(PXF_scan_read(field, 0, &rows), 0);
+            PXF_close(field);
+            return false;
+        }
+        PXF_close(frame);
+        return true;
+    });
+}
+
+}  // namespace
