@@ -100,6 +100,9 @@ PXF_IMAGE *PXF__gamma(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested) {
     }
     if (d && d->chan.type == PXF_C_INTEGER && d->chan.width >= 9)
         return pxf::fail(image, pxf::kErrCannotDo, pxf::kSetMessages, 73, "%s cannot handle image channel width", name);
+    // The tables work on bytes: float channels would be rewritten byte by byte.
+    if (d && d->chan.type != PXF_C_INTEGER)
+        return pxf::fail(image, pxf::kErrCannotDo, pxf::kSetMessages, 72, "%s cannot handle image channel type", name);
     if (refused || !d || !requested || !image->private_data) return image;
     PXF_RESPONSE_CURVE &have = d->curve;
     if (have.kind == PXF_CURVE_GAMMA && requested->kind == PXF_CURVE_GAMMA && have.gamma == requested->gamma)

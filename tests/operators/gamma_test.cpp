@@ -83,7 +83,10 @@ TEST(GammaOperator, RefusalsAndOutOfMemoryLeaveTheChainAlone) {
     EXPECT_EQ(PXF__gamma(image, &wanted), image);
     EXPECT_EQ(capture.last(), "gamma correction operator cannot handle image channel width");
     EXPECT_EQ(pxf__err, PXF_E_CANNOT_DO);
-    image->info.images[0].chan.width = 8;
+    image->info.images[0].chan.type = PXF_C_FLOAT;
+    EXPECT_EQ(PXF__gamma(image, &wanted), image);
+    EXPECT_EQ(capture.last(), "gamma correction operator cannot handle image channel type");
+    image->info.images[0].chan = {nullptr, 3, PXF_C_INTEGER, 8, 0};
     image->info.num_images = 0;
     EXPECT_EQ(PXF__gamma(image, &wanted), image);
     EXPECT_EQ(capture.last(), "gamma correction operator cannot store multiple images");
