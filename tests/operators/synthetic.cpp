@@ -34,7 +34,7 @@ int read_scan(void *data, int line, void ***rows, void **) {
             else if (g.width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g.width));
             else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g.width);
         }
-        if (c == 0 && g.type == PXF_C_FLOAT)
+        if (c == 0 && g.type == PXF_C_FLOAT && !float_override().empty())
             std::memcpy(row, float_override().data(), float_override().size() * sizeof(float));
     });
     *rows = s->rows;
