@@ -10,6 +10,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 namespace pxf::rla {
 namespace {
@@ -20,8 +23,6 @@ template <typename T>
 size_t plane_offset(size_t plane) {
     return std::endian::native == std::endian::little ? sizeof(T) - 1 - plane : plane;
 }
-
-constexpr size_t round_up16(size_t n) { return (n + 15) & ~size_t{15}; }
 
 // ---------------------------------------------------------------------------
 // Encoding
@@ -128,49 +129,133 @@ uint8_t *encode_plane(const uint8_t *p, size_t n, uint8_t *out) {
 // ---------------------------------------------------------------------------
 // Decoding
 
-// Decodes one plane of n elements into every S-th byte from o.  Returns the input
-// position after the plane, or null when a packet is cut short by the end of the block
-// or would run past the end of the plane.
+// Byte planes are decoded in whole 32-byte moves wherever the row (and for literals the
+// block) has room for them: the bytes written past a packet's end are rewritten by the
+// packets that follow.  Where the processor has AVX2, a move is one vector store.
+constexpr size_t kChunk = 32;
+constexpr size_t round_up_chunk(size_t n) { return (n + kChunk - 1) & ~(kChunk - 1); }
+
+struct PlainMoves {
+    static void copy(uint8_t *o, const uint8_t *in) { std::memcpy(o, in, kChunk); }
+    static void fill(uint8_t *o, uint8_t v) { std::memset(o, v, kChunk); }
+};
+
+// Decodes one byte plane of n elements into o.  Returns the input position after the
+// plane, or null when a packet is cut short by the end of the block or would run past
+// the end of the plane.
+template <class Moves>
+[[gnu::always_inline]] inline const uint8_t *decode_bytes(const uint8_t *in, const uint8_t *end, uint8_t *o,
+                                                          size_t n) {
+    size_t rem = n;
+    while (rem) {
+        if (in == end) return nullptr;
+        const size_t avail = static_cast<size_t>(end - in) - 1;
+        const int c = static_cast<int8_t>(*in++);
+        // Full packets take a path of fixed sizes: on noise and flat areas the place of
+        // the next count byte is then known before this one has been read.
+        if (c >= 0) {
+            const size_t k = static_cast<size_t>(c) + 1;
+            if (k > rem || avail == 0) return nullptr;
+            const uint8_t v = *in++;
+            if (k == kMaxPacket) {
+                Moves::fill(o, v);
+                Moves::fill(o + 32, v);
+                Moves::fill(o + 64, v);
+                Moves::fill(o + 96, v);
+                o += kMaxPacket;
+                rem -= kMaxPacket;
+                continue;
+            }
+            if (round_up_chunk(k) <= rem) {
+                for (size_t j = 0; j < k; j += kChunk) Moves::fill(o + j, v);
+            } else {
+                std::memset(o, v, k);
+            }
+            o += k;
+            rem -= k;
+        } else {
+            const size_t k = static_cast<size_t>(-c);
+            if (k > rem || k > avail) return nullptr;
+            if (k == kMaxPacket) {
+                Moves::copy(o, in);
+                Moves::copy(o + 32, in + 32);
+                Moves::copy(o + 64, in + 64);
+                Moves::copy(o + 96, in + 96);
+                in += kMaxPacket;
+                o += kMaxPacket;
+                rem -= kMaxPacket;
+                continue;
+            }
+            if (round_up_chunk(k) <= rem && round_up_chunk(k) <= avail) {
+                for (size_t j = 0; j < k; j += kChunk) Moves::copy(o + j, in + j);
+            } else {
+                std::memcpy(o, in, k);
+            }
+            in += k;
+            o += k;
+            rem -= k;
+        }
+    }
+    return in;
+}
+
+using BytePlaneDecoder = const uint8_t *(*)(const uint8_t *, const uint8_t *, uint8_t *, size_t);
+
+}  // namespace
+
+const uint8_t *decode_byte_plane_portable(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n) {
+    return decode_bytes<PlainMoves>(in, end, o, n);
+}
+
+namespace {
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+struct Avx2Moves {
+    [[gnu::target("avx2")]] static void copy(uint8_t *o, const uint8_t *in) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(o), _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in)));
+    }
+    [[gnu::target("avx2")]] static void fill(uint8_t *o, uint8_t v) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(o), _mm256_set1_epi8(static_cast<char>(v)));
+    }
+};
+
+[[gnu::target("avx2")]] const uint8_t *decode_bytes_avx2(const uint8_t *in, const uint8_t *end, uint8_t *o,
+                                                          size_t n) {
+    return decode_bytes<Avx2Moves>(in, end, o, n);
+}
+
+BytePlaneDecoder pick_byte_plane_decoder() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") ? decode_bytes_avx2 : decode_byte_plane_portable;
+}
+#else
+BytePlaneDecoder pick_byte_plane_decoder() { return decode_byte_plane_portable; }
+#endif
+
+const uint8_t *decode_byte_plane(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n) {
+    static const BytePlaneDecoder decoder = pick_byte_plane_decoder();
+    return decoder(in, end, o, n);
+}
+
 template <size_t S>
 const uint8_t *decode_plane(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n) {
+    if constexpr (S == 1) return decode_byte_plane(in, end, o, n);
     size_t rem = n;
     while (rem) {
         if (in == end) return nullptr;
         const int c = static_cast<int8_t>(*in++);
         const size_t avail = static_cast<size_t>(end - in);
+        const size_t k = c >= 0 ? static_cast<size_t>(c) + 1 : static_cast<size_t>(-c);
+        if (k > rem || (c >= 0 ? avail == 0 : k > avail)) return nullptr;
         if (c >= 0) {
-            const size_t k = static_cast<size_t>(c) + 1;
-            if (k > rem || avail == 0) return nullptr;
             const uint8_t v = *in++;
-            if constexpr (S == 1) {
-                // Whole 16-byte stores where the row has room: the bytes past k are
-                // rewritten by the packets that follow.
-                if (round_up16(k) <= rem) {
-                    for (size_t j = 0; j < k; j += 16) std::memset(o + j, v, 16);
-                } else {
-                    std::memset(o, v, k);
-                }
-            } else {
-                for (size_t j = 0; j < k; ++j) o[j * S] = v;
-            }
-            o += k * S;
-            rem -= k;
+            for (size_t j = 0; j < k; ++j) o[j * S] = v;
         } else {
-            const size_t k = static_cast<size_t>(-c);
-            if (k > rem || k > avail) return nullptr;
-            if constexpr (S == 1) {
-                if (round_up16(k) <= rem && round_up16(k) <= avail) {
-                    for (size_t j = 0; j < k; j += 16) std::memcpy(o + j, in + j, 16);
-                } else {
-                    std::memcpy(o, in, k);
-                }
-            } else {
-                for (size_t j = 0; j < k; ++j) o[j * S] = in[j];
-            }
+            for (size_t j = 0; j < k; ++j) o[j * S] = in[j];
             in += k;
-            o += k * S;
-            rem -= k;
         }
+        o += k * S;
+        rem -= k;
     }
     return in;
 }

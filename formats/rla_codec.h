@@ -33,4 +33,8 @@ size_t store(const T *elements, size_t n, uint8_t *out);
 template <typename T>
 bool load(const uint8_t *block, size_t length, T *dest, size_t n);
 
+// The byte-plane decoder without wide vectors, which decode<uint8_t> falls back on where
+// the processor lacks them.  Returns the input position after the plane, or null.
+const uint8_t *decode_byte_plane_portable(const uint8_t *in, const uint8_t *end, uint8_t *o, size_t n);
+
 }  // namespace pxf::rla

@@ -11,6 +11,8 @@
 
 #include <pxf/rla.h>
 
+#include "formats/rla_codec.h"
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -126,21 +128,22 @@ struct Decoded {
     std::vector<uint8_t> bytes;  // the whole destination, guard elements included
 };
 
-// Decodes into leading + count + trailing elements between two guard elements, from a
+// Decodes into leading + count + trailing elements between two guard areas, from a
 // heap block of exactly `length` bytes so that reading past it is caught by ASan.
 template <typename T>
 Decoded decode(const Bytes &block, int count, unsigned leading = 0, int trailing = 0) {
+    constexpr size_t kGuard = 64;
     const size_t total = leading + count + trailing;
-    Bytes dest((total + 2) * sizeof(T), kCanary);
+    Bytes dest(total * sizeof(T) + 2 * kGuard, kCanary);
     std::unique_ptr<uint8_t[]> exact(new uint8_t[block.size() + !block.size()]);
     if (!block.empty()) std::memcpy(exact.get(), block.data(), block.size());
-    const int r = dec<T>()(exact.get(), static_cast<int>(block.size()), dest.data() + sizeof(T), count,
-                           leading, trailing);
-    for (size_t i = 0; i < sizeof(T); ++i) {
+    const int r = dec<T>()(exact.get(), static_cast<int>(block.size()), dest.data() + kGuard, count, leading,
+                           trailing);
+    for (size_t i = 0; i < kGuard; ++i) {
         EXPECT_EQ(dest[i], kCanary) << "decoder wrote before the row";
         EXPECT_EQ(dest[dest.size() - 1 - i], kCanary) << "decoder wrote past the row";
     }
-    return {r, Bytes(dest.begin() + sizeof(T), dest.end() - sizeof(T))};
+    return {r, Bytes(dest.begin() + kGuard, dest.end() - kGuard)};
 }
 
 template <typename T>
@@ -288,6 +291,24 @@ TEST(RlaDecode, DamagedByteBlocksFail) { check_damaged_blocks<uint8_t>(); }
 TEST(RlaDecode, DamagedShortBlocksFail) { check_damaged_blocks<uint16_t>(); }
 TEST(RlaDecode, DamagedWordBlocksFail) { check_damaged_blocks<uint32_t>(); }
 
+// Packets of random kinds and sizes filling `planes` planes of n elements.
+Bytes random_packets(std::mt19937 &rng, int n, size_t planes) {
+    Bytes block;
+    for (size_t plane = 0; plane < planes; ++plane) {
+        for (int left = n; left > 0;) {
+            const int k = rng() % 3 == 0 ? std::min(left, 128) : 1 + static_cast<int>(rng() % std::min(left, 128));
+            if (rng() % 2) {
+                block.insert(block.end(), {static_cast<uint8_t>(k - 1), static_cast<uint8_t>(rng())});
+            } else {
+                block.push_back(static_cast<uint8_t>(-k));
+                for (int j = 0; j < k; ++j) block.push_back(static_cast<uint8_t>(rng()));
+            }
+            left -= k;
+        }
+    }
+    return block;
+}
+
 // Arbitrary blocks, mostly damaged, decode exactly as the per-byte decoder says.
 template <typename T>
 void check_random_blocks() {
@@ -307,22 +328,8 @@ void check_random_blocks() {
     }
     // Packets that fill the row exactly, in every combination of sizes.
     for (int round = 0; round < 2000; ++round) {
-        Bytes block;
-        int n = 0;
-        for (size_t plane = 0; plane < sizeof(T); ++plane) {
-            if (plane == 0) n = static_cast<int>(rng() % 400);
-            int left = n;
-            while (left > 0) {
-                const int k = 1 + static_cast<int>(rng() % std::min(left, 128));
-                if (rng() % 2) {
-                    block.insert(block.end(), {static_cast<uint8_t>(k - 1), static_cast<uint8_t>(rng())});
-                } else {
-                    block.push_back(static_cast<uint8_t>(-k));
-                    for (int j = 0; j < k; ++j) block.push_back(static_cast<uint8_t>(rng()));
-                }
-                left -= k;
-            }
-        }
+        const int n = static_cast<int>(rng() % 400);
+        const Bytes block = random_packets(rng, n, sizeof(T));
         std::vector<T> expect;
         ASSERT_TRUE(ref_decode(block, n, expect));
         const Decoded d = decode<T>(block, n);
@@ -332,6 +339,33 @@ void check_random_blocks() {
 }
 
 TEST(RlaDecode, ArbitraryByteBlocksMatchTheReference) { check_random_blocks<uint8_t>(); }
+
+// The decoder for processors without wide vectors is not the one run here when the
+// processor has them: compare it with the per-byte decoder directly.
+TEST(RlaDecode, PortableBytePlaneDecoderMatchesTheReference) {
+    std::mt19937 rng(5);
+    for (int round = 0; round < 20000; ++round) {
+        const size_t n = rng() % 600;
+        Bytes block = random_packets(rng, static_cast<int>(n), 1);
+        if (rng() % 2 && !block.empty()) {  // damage it
+            const size_t at = rng() % block.size();
+            if (rng() % 2) block.resize(at);
+            else block[at] = static_cast<uint8_t>(rng());
+        }
+        std::vector<uint8_t> expect;
+        const bool ok = ref_decode(block, n, expect);
+        std::unique_ptr<uint8_t[]> exact(new uint8_t[block.size() + 1]);
+        std::copy(block.begin(), block.end(), exact.get());
+        Bytes row(n + 1, kCanary);
+        const uint8_t *end = exact.get() + block.size();
+        const uint8_t *after = pxf::rla::decode_byte_plane_portable(exact.get(), end, row.data(), n);
+        ASSERT_EQ(ok, after == end);
+        ASSERT_EQ(row[n], kCanary);
+        if (ok) {
+            ASSERT_EQ(Bytes(row.begin(), row.begin() + n), expect);
+        }
+    }
+}
 TEST(RlaDecode, ArbitraryShortBlocksMatchTheReference) { check_random_blocks<uint16_t>(); }
 TEST(RlaDecode, ArbitraryWordBlocksMatchTheReference) { check_random_blocks<uint32_t>(); }
 
