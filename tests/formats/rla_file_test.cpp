@@ -14,7 +14,6 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -439,11 +438,12 @@ TEST_F(RlaBadInput, TruncationAnywhereIsReported) {
         EXPECT_EQ(attempt(bytes.substr(0, length), &code), length < 740 ? not_rla() : cut_short()) << length;
         EXPECT_EQ(code, -4);
     }
-    std::regex unreadable(R"((\[55\] Cannot read scanline \d; (unexpected end of file|offset out of range)\n)+)");
     for (std::size_t length = 756; length < bytes.size(); ++length) {
         int code = 0;
         std::string said = attempt(bytes.substr(0, length), &code);
-        EXPECT_TRUE(std::regex_match(said, unreadable)) << length << ": " << said;
+        for (std::string reason : {"unexpected end of file\n", "offset out of range\n"})
+            for (std::size_t at; (at = said.find(reason)) != std::string::npos;) said.erase(at, reason.size());
+        EXPECT_EQ(said.find_first_not_of("[55] Cannot read scanline 0123;"), std::string::npos) << length;
         EXPECT_NE(said.find("scanline 3;"), std::string::npos) << "the last line is always cut";
         EXPECT_EQ(code, -2);
     }
