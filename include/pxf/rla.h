@@ -68,6 +68,47 @@ PXF_API int rla__inact_dec_word(void *dest, int count);
 PXF_API int rla__inact_dec_float(void *dest, int count);
 PXF_API int rla__inact_dec_double(void *dest, int count);
 
+/*
+ * The built-in "rla" image driver (extension ".rla"; ".rlb" is read as well).
+ *
+ * A file holds one or more images, each a 740-byte header, a table of 32-bit
+ * big-endian scanline offsets (one per scanline of the active window, lowest
+ * first) and, per scanline, one block per channel (image, matte, auxiliary):
+ * a 16-bit big-endian length and that many bytes from the channel's encoder.
+ * The header's last 4 bytes hold the file offset of the next image's header,
+ * 0 in the last image.
+ *
+ * PXF_rla_is_file answers 1 for a file whose first header is plausible; with a
+ * stream (a FILE *) it rewinds and reads that stream, otherwise it opens path.
+ * The open functions follow the driver protocol of plugin.h.  The file name
+ * "/dev/stdout" writes to standard output (the header is then not patched at
+ * close) and "/dev/stdin" reads standard input.  Other names are looked up in
+ * the directory $QV_IMG_DIR unless they start with "/" or "./".
+ *
+ * Images after the first are reached through the handle's private-data
+ * table: image i is scanned with image->scan(image->private_data[i], ...).
+ * The reader reads scanlines in any order.
+ *
+ * Reader messages (catalogue set 902), besides those shared with the rest of
+ * the library (52 cannot open, 53 bad scanline, 94 no memory, 70-80 channel
+ * type and width):
+ *    54  "Cannot read from %s; %s"                          pxf__err -4
+ *    55  "Cannot read scanline %d; %s"                      pxf__err -2
+ *    58  "Cannot decode scanline %d"                        pxf__err -2
+ *    59  "%s: This does not appear to be a Quorvalen file"  pxf__err -4
+ *    89  "unexpected end of file"   (reason text for 54 and 55)
+ *    90  "offset out of range"      (reason text for 55)
+ * Writer messages: 52, 53, 56 "Cannot write to %s; %s", 57 "Cannot write
+ * scanline %d; %s", 70-80, 88, 94, and
+ *    60  "%s cannot handle the image window"                pxf__err -16
+ * for windows the header cannot hold (coordinates outside 0..32767, inverted,
+ * or an active window reaching outside the window).
+ */
+struct PXF_IMAGE;
+PXF_API int PXF_rla_is_file(const char *path, void *stream);
+PXF_API int PXF_rla_r_open(struct PXF_IMAGE *image);
+PXF_API int PXF_rla_w_open(struct PXF_IMAGE *image);
+
 PXF_END_DECLS
 
 #endif /* PXF_RLA_H */
