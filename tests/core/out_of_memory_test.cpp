@@ -114,7 +114,7 @@ TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
         ASSERT_EQ(FMT_init(nullptr), 0);
         ASSERT_EQ(CLR_init(nullptr), 0);
         pxf::fault::arm(n);
-        int result = pxf::test::init_with_plugins({"raw_plugin", "ppm_plugin"});
+        int result = pxf::test::init_with_plugins({"raw_plugin", "top_plugin"});
         bool fired = pxf::fault::fired();
         pxf::fault::disarm();
         if (!fired) {

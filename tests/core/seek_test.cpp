@@ -17,7 +17,7 @@ using pxf::test::set_text;
 
 class Seek : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "ppm_plugin"}), 0); }
+    void SetUp() override { ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "top_plugin"}), 0); }
     void TearDown() override { PXF_exit(); }
 
     // Writes rows whose bytes all equal their line number; returns the reader.
@@ -78,7 +78,7 @@ TEST_F(Seek, BottomUpFileReopensWhenGoingBack) {
 }
 
 TEST_F(Seek, TopDownFileMirrorsIt) {
-    PXF_IMAGE *in = write_then_open("ppm", 5, true);
+    PXF_IMAGE *in = write_then_open("top", 5, true);
     ASSERT_NE(in, nullptr);
     expect_line(in, 4);
     expect_line(in, 3);
@@ -107,7 +107,6 @@ TEST_F(Seek, FailedReopenLeavesNoHandle) {
     PXF_IMAGE *in = write_then_open("raw", 3, false);
     ASSERT_NE(in, nullptr);
     expect_line(in, 0);
-    expect_line(in, 1);
     std::remove(dir_.file("seek.raw").c_str());
     PXF_seek(&in, 0);
     EXPECT_EQ(in, nullptr);
