@@ -38,9 +38,7 @@ TEST(List, AddRemoveAtBothEnds) {
     EXPECT_EQ(DST_ll_remh(&list), &a);
     EXPECT_EQ(DST_ll_remh(&list), nullptr);
     EXPECT_EQ(DST_ll_remt(&list), nullptr);
-    EXPECT_EQ(list.head, nullptr);
-    EXPECT_EQ(list.tail, nullptr);
-    EXPECT_EQ(list.count, 0u);
+    EXPECT_TRUE(list.head == nullptr && list.tail == nullptr && list.count == 0);
 }
 
 TEST(List, RemoveMiddleTailAndStranger) {
@@ -65,10 +63,7 @@ TEST(List, OrderedInsertPutsNewcomerFirstAmongEquals) {
     DST_LL list;
     DST_ll_init(&list);
     Item x{nullptr, 5, 1}, y{nullptr, 3, 2}, z{nullptr, 5, 3}, w{nullptr, 9, 4}, dup{nullptr, 3, 5};
-    EXPECT_EQ(DST_ll_addo(&list, &x, by_key, 1), 1);
-    EXPECT_EQ(DST_ll_addo(&list, &y, by_key, 1), 1);
-    EXPECT_EQ(DST_ll_addo(&list, &z, by_key, 1), 1);
-    EXPECT_EQ(DST_ll_addo(&list, &w, by_key, 1), 1);
+    for (Item *i : {&x, &y, &z, &w}) EXPECT_EQ(DST_ll_addo(&list, i, by_key, 1), 1);
     EXPECT_EQ(tags(&list), (std::vector<int>{2, 3, 1, 4}));
     EXPECT_EQ(DST_ll_addo(&list, &dup, by_key, 0), 0);
     EXPECT_EQ(tags(&list), (std::vector<int>{2, 3, 1, 4}));
