@@ -13,7 +13,6 @@
 namespace {
 
 using pxf::test::describe;
-using pxf::test::set_text;
 
 class Seek : public ::testing::Test {
 protected:
@@ -23,13 +22,9 @@ protected:
     // Writes rows whose bytes all equal their line number; returns the reader.
     PXF_IMAGE *write_then_open(const char *key, int height, bool top_down) {
         PXF_IMAGE_DESC d = describe(4, height, 3, 8);
-        PXF_INFO info;
-        PXF_info_init(&info);
-        set_text(info.key, key);
-        set_text(info.handle, dir_.file(std::string("seek.") + key).c_str());
-        info.images = &d;
-        info.num_images = 1;
-        PXF_IMAGE *out = PXF_open(&info, "w");
+        std::string path = dir_.file(std::string("seek.") + key);
+        request_.set(key, path.c_str(), &d);
+        PXF_IMAGE *out = request_.open("w");
         EXPECT_NE(out, nullptr);
         if (!out) return nullptr;
         void **rows = pxf__chan_alloc(&d, 4, "test");
@@ -40,12 +35,8 @@ protected:
         }
         pxf__chan_free(rows);
         PXF_close(out);
-        info.images = nullptr;
-        info.num_images = 0;
-        PXF_IMAGE *in = PXF_open(&info, "r");
-        PXF_info_cleanup(&info, 1);
         buffer_ = describe(4, 1, 3, 8);
-        return in;
+        return request_.set(key, path.c_str()).open("r");
     }
     // Reads `line` and checks that it holds its own number.
     void expect_line(PXF_IMAGE *in, int line) {
@@ -56,6 +47,7 @@ protected:
         pxf__chan_free(rows);
     }
     pxf::test::TempDir dir_;
+    pxf::test::Request request_;
     PXF_IMAGE_DESC buffer_{};
 };
 
@@ -121,17 +113,9 @@ int own_seek(void *, int line) {
 
 TEST_F(Seek, DriverSeekAndRandomAccessNeedNoReopen) {
     PXF_IMAGE_DESC d = describe(4, 4, 3, 8);
-    PXF_INFO info;
-    PXF_info_init(&info);
-    set_text(info.key, "mem");
-    set_text(info.handle, "seek.mem");
-    info.images = &d;
-    info.num_images = 1;
-    PXF_IMAGE *out = PXF_open(&info, "w");
+    PXF_IMAGE *out = request_.set("mem", "seek.mem", &d).open("w");
     ASSERT_NE(out, nullptr);
-    info.images = nullptr;
-    info.num_images = 0;
-    PXF_IMAGE *in = PXF_open(&info, "r");
+    PXF_IMAGE *in = request_.set("mem", "seek.mem").open("r");
     ASSERT_NE(in, nullptr);
     PXF_IMAGE *before = in;
     EXPECT_EQ(PXF_seek(&in, 0), 0);
@@ -141,7 +125,6 @@ TEST_F(Seek, DriverSeekAndRandomAccessNeedNoReopen) {
     EXPECT_EQ(seen_line, 3);
     PXF_close(in);
     PXF_close(out);
-    PXF_info_cleanup(&info, 1);
 }
 
 }  // namespace
