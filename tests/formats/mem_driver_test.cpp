@@ -18,32 +18,17 @@ namespace {
 using pxf::test::describe;
 using pxf::test::numbered;
 using pxf::test::ReportCapture;
-using pxf::test::set_text;
 
-class Memory : public ::testing::Test {
+class Memory : public pxf::test::Numbered {
 protected:
     void SetUp() override {
-        catalog_ = pxf::test::numbered_catalog();
+        Numbered::SetUp();
         ASSERT_EQ(PXF_init(catalog_, nullptr), 0);
-        PXF_info_init(&info_);
-    }
-    void TearDown() override {
-        info_.images = nullptr;
-        info_.num_images = 0;
-        PXF_info_cleanup(&info_, 1);
-        PXF_exit();
-        catclose(catalog_);
-        pxf__msg_cat = nullptr;
     }
     PXF_IMAGE *open(const char *name, const char *mode, PXF_IMAGE_DESC *desc = nullptr, int images = 1) {
-        set_text(info_.key, "mem");
-        set_text(info_.handle, name);
-        info_.images = desc;
-        info_.num_images = desc ? images : 0;
-        return PXF_open(&info_, mode);
+        return request_.set("mem", name, desc, images).open(mode);
     }
-    nl_catd catalog_{};
-    PXF_INFO info_{};
+    pxf::test::Request request_;
 };
 
 std::size_t element_bytes(int type, int bits) {

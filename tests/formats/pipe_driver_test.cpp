@@ -20,7 +20,6 @@ namespace {
 using pxf::test::describe;
 using pxf::test::numbered;
 using pxf::test::ReportCapture;
-using pxf::test::set_text;
 
 struct ChildResult {
     std::string output;
@@ -55,13 +54,9 @@ ChildResult run_child(const std::function<int()> &body) {
 // Writes rows 0..lines-1 of a width-pixel image whose channel c holds 'a' + c;
 // with `broken`, standard output is closed first and the write must fail.
 int write_rows(int width, int lines, int channels_in_buffer, bool broken = false) {
-    PXF_INFO info;
-    PXF_info_init(&info);
-    set_text(info.handle, "out.pipe");
     PXF_IMAGE_DESC d = describe(width, 2, channels_in_buffer, 8);
-    info.images = &d;
-    info.num_images = 1;
-    PXF_IMAGE *image = PXF_open(&info, "w");
+    pxf::test::Request request;
+    PXF_IMAGE *image = request.set(nullptr, "out.pipe", &d).open("w");
     if (!image) return 10;
     if (broken) close(1);
     void **rows = pxf__chan_alloc(&d, width, "test");
@@ -95,24 +90,15 @@ TEST(Pipe, PacketsPerRowUpToTheHeightWithThreeOrFourChannels) {
     EXPECT_EQ(run_child([] { return write_rows(4, 1, 3, true); }).status, 0);  // a failed flush is reported
 }
 
-TEST(Pipe, OnlyOneImagePerPipe) {
-    nl_catd catalog = pxf::test::numbered_catalog();
-    ASSERT_EQ(PXF_init(catalog, nullptr), 0);
-    PXF_INFO info;
-    PXF_info_init(&info);
-    set_text(info.key, "pipe");
-    set_text(info.handle, "stream");
+using PipeMessages = pxf::test::Numbered;
+
+TEST_F(PipeMessages, OnlyOneImagePerPipe) {
+    ASSERT_EQ(PXF_init(catalog_, nullptr), 0);
     PXF_IMAGE_DESC d[2] = {describe(4, 2, 3, 8), describe(4, 2, 3, 8)};
-    info.images = d;
-    info.num_images = 2;
+    pxf::test::Request request;
     ReportCapture capture;
-    EXPECT_EQ(PXF_open(&info, "w"), nullptr);
+    EXPECT_EQ(request.set("pipe", "stream", d, 2).open("w"), nullptr);
     EXPECT_EQ(capture.last(), numbered(61, "pipe cannot store multiple images"));
-    info.images = nullptr;
-    info.num_images = 0;
-    PXF_info_cleanup(&info, 1);
-    PXF_exit();
-    catclose(catalog);
 }
 
 }  // namespace
