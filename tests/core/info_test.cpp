@@ -142,26 +142,6 @@ TEST(ChannelBuffer, OutOfMemorySetsCodeWithoutMessage) {
     EXPECT_TRUE(capture.reports().empty());
 }
 
-template <class T>
-void check_copier(int (*copy)(void **, void **, int, int)) {
-    T a0[6], a1[6], b0[6] = {}, b1[6] = {};
-    for (int i = 0; i < 6; ++i) {
-        a0[i] = T(0x11111111u * (i + 1));
-        a1[i] = T(0x01010101u * (i + 7));
-    }
-    void *src[] = {a0, a1}, *dst[] = {b0, b1};
-    EXPECT_EQ(copy(dst, src, 2, 5), 0);
-    EXPECT_EQ(std::memcmp(a0, b0, 5 * sizeof(T)), 0);
-    EXPECT_EQ(std::memcmp(a1, b1, 5 * sizeof(T)), 0);
-    EXPECT_EQ(b0[5], T(0));  // nothing beyond the given count
-}
-
-TEST(ChannelBuffer, CopiersCopyWholeElements) {
-    check_copier<uint8_t>(pxf__chan_copy_byte);
-    check_copier<uint16_t>(pxf__chan_copy_short);
-    check_copier<uint32_t>(pxf__chan_copy_long);
-}
-
 TEST(Lut, GrowKeepsMaximumAndZeroesNewEntries) {
     PXF_LUT *lut = PXF_lut_alloc(16);
     ASSERT_NE(lut, nullptr);

@@ -8,6 +8,7 @@
 #include <pxf/pxf.h>
 
 #include "core_test_util.h"
+#include "naming/drivers.h"
 #include "support/test_support.h"
 
 namespace {
@@ -120,8 +121,6 @@ TEST_F(Registry, QueryFunctionsCopyNamesKeysAndExtensions) {
     EXPECT_EQ(PXF_getPluginNameFromKey("nosuch", out), -1);
     EXPECT_EQ(PXF_getKeyFromPluginName("top-down pixels", out), 0);
     EXPECT_STREQ(out, "top");
-    EXPECT_EQ(PXF_getExtFromFormatKey("rawro", out), 0);
-    EXPECT_STREQ(out, ".rro");
     EXPECT_TRUE(PXF_hasReadSupport("rawro"));
     EXPECT_FALSE(PXF_hasWriteSupport("rawro"));
     EXPECT_TRUE(PXF_hasWriteSupport("mem"));
@@ -169,12 +168,6 @@ TEST_F(Registry, QueriesComplainOnStandardError) {
                             "this type is defined"));
 }
 
-}  // namespace
-
-#include "naming/drivers.h"
-
-namespace {
-
 TEST(NamingLookup, PathnamesAndKeysFindRegisteredDrivers) {
     ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "top_plugin"}), 0);
     pxf::naming::DriverNames names;
@@ -189,10 +182,6 @@ TEST(NamingLookup, PathnamesAndKeysFindRegisteredDrivers) {
     PXF_exit();
 }
 
-}  // namespace
-
-namespace {
-
 TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
     ERR_unmask_s(ERR_DEBUG);
     ReportCapture capture;
@@ -204,10 +193,6 @@ TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
     EXPECT_EQ(capture.last(), "pxf, initializing database for PXF_find request");
     PXF_exit();
 }
-
-}  // namespace
-
-namespace {
 
 TEST(RegistryCatalogue, CatalogueRenamesPluginSymbols) {
     nl_catd renamed = catopen(RENAMED_CATALOG, 0);
