@@ -6,7 +6,7 @@
 
 #include <pxf/clr.h>
 
-#include "config_env.h"
+#include "support/config_home.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include <pxf/cfg.h>
 
-#include "config_env.h"
+#include "support/config_home.h"
 #include "foundation/alloc.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <pxf/fmt.h>
 #include <pxf/pxf.h>
 
-#include "config_env.h"
+#include "support/config_home.h"
 #include "foundation/alloc.h"
 
 namespace {
