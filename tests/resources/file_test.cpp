@@ -15,6 +15,7 @@
 #include <pxf/rsc.h>
 
 #include "foundation/alloc.h"
+#include "resources/rsc_bytes.h"
 #include "support/test_support.h"
 
 namespace {
@@ -25,14 +26,6 @@ std::string get(const char *file, const char *type, const char *name) {
     uint32_t size = 0;
     void *data = file ? RSC_rsrc_getf(file, type, name, &size) : RSC_rsrc_get(type, name, &size);
     return data ? std::string(static_cast<char *>(data), size) : "<none>";
-}
-
-// Writes a file holding the given TEST resources (name, text pairs).
-void make_file(const std::string &path, std::initializer_list<std::pair<const char *, const char *>> items) {
-    ASSERT_EQ(RSC_file_create(path.c_str()), 1);
-    for (auto &[name, text] : items)
-        ASSERT_EQ(RSC_rsrc_addc("TEST", name, text, static_cast<uint32_t>(std::strlen(text))), 1);
-    ASSERT_EQ(RSC_file_close(nullptr), 1);
 }
 
 TEST(ResourceFiles, SearchPathInOrderAddedAfterTheNameItself) {
@@ -165,7 +158,7 @@ TEST(ResourceFiles, AllocationFailuresReportAndLeaveNothingBehind) {
     TempDir dir;
     std::string path = dir.file("oom.rsc");
     std::string big(5000, 'q');
-    make_file(path, {{"a", "1"}, {"b", big.c_str()}});
+    make_file(path, {{"a", "1"}, {"b", big}});
     ReportCapture capture;
     // Reading: every table, name and buffer allocation.
     for_each_allocation_failure(

@@ -95,12 +95,8 @@ TEST(ResourceBuffers, ClassesAndFreeLists) {
     // A freed buffer is handed to the next resource of its class only.
     TempDir dir;
     std::string path = dir.file("buffers.rsc");
-    std::string b64(64, 'x'), b65(65, 'y'), b40(40, 'z');
-    ASSERT_EQ(RSC_file_create(path.c_str()), 1);
-    RSC_rsrc_addc("DATA", "64", b64.data(), 64);
-    RSC_rsrc_addc("DATA", "65", b65.data(), 65);
-    RSC_rsrc_addc("DATA", "40", b40.data(), 40);
-    ASSERT_EQ(RSC_file_close(nullptr), 1);
+    std::string b40(40, 'z');
+    make_file(path, {{"64", std::string(64, 'x')}, {"65", std::string(65, 'y')}, {"40", b40}}, "DATA");
     ASSERT_EQ(RSC_file_open(path.c_str()), 1);
     void *first = RSC_rsrc_getc("DATA", "64", nullptr);
     ASSERT_EQ(RSC_rsrc_freec("DATA", "64"), 1);
