@@ -1,5 +1,5 @@
-// Helpers for the image-core tests: the numbered catalogue, plug-in loading
-// and image descriptions.
+// Helpers for the image-core tests: the numbered catalogue, plug-in loading,
+// image descriptions and open requests.
 #pragma once
 
 #include <gtest/gtest.h>
