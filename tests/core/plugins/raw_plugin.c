@@ -59,7 +59,7 @@ int imageInit(void) { return 1; }
 
 typedef struct {
     FILE *file;
-    int32_t width, height, channels, mattes;
+    int32_t width, channels, mattes;
     int next;
 } raw_file;
 
@@ -114,7 +114,6 @@ static int attach(PXF_IMAGE *image, FILE *file, int32_t head[4], PXF_SCAN_FN sca
     }
     r->file = file;
     r->width = head[0];
-    r->height = head[1];
     r->channels = head[2];
     r->mattes = head[3];
     r->next = ORIENTATION ? 0 : head[1] - 1;
