@@ -6,7 +6,7 @@
 
 #include <pxf/fmt.h>
 
-#include "config_env.h"
+#include "support/config_home.h"
 
 namespace {
 
@@ -20,21 +20,10 @@ std::vector<std::string> device_names() {
     return names;
 }
 
-TEST(Framebuffers, BuiltInWithoutFile) {
-    ConfigHome home;
-    FB_ENTRY *pal = FB_find("pal");
-    ASSERT_NE(pal, nullptr);
-    EXPECT_EQ(pal->x_res, 780);
-    EXPECT_EQ(device_names(), (std::vector<std::string>{"full", "ntsc", "pal"}));
-    EXPECT_STREQ(FB_def_framebuffer(), "full");
-}
-
 TEST(Framebuffers, BlocksStartFromFullAndReplaceByName) {
     ConfigHome home(
         "framebuffer studio\n"
         "resolution 1920 1080\n"
-        "aspect 1.78\n"
-        "gamma 2.4\n"
         "red_primary 0.64 0.33 0.03\n"
         "end_framebuffer\n"
         "framebuffer ntsc\n"
@@ -47,8 +36,6 @@ TEST(Framebuffers, BlocksStartFromFullAndReplaceByName) {
     FB_ENTRY *studio = FB_find("studio");
     ASSERT_NE(studio, nullptr);
     EXPECT_EQ(studio->x_res, 1920);
-    EXPECT_FLOAT_EQ(studio->aspect, 1.78f);
-    EXPECT_FLOAT_EQ(studio->gamma, 2.4f);
     EXPECT_FLOAT_EQ(studio->red[0], 0.64f);
     EXPECT_FLOAT_EQ(studio->green[1], 0.71f);  // from "full"
     FB_ENTRY *ntsc = FB_find("ntsc");
@@ -56,12 +43,6 @@ TEST(Framebuffers, BlocksStartFromFullAndReplaceByName) {
     EXPECT_EQ(ntsc->x_res, 1280);  // a new block starts from "full", not from the old entry
     EXPECT_FLOAT_EQ(ntsc->white[0], 0.3127f);
     EXPECT_EQ(FB_find("never_ended"), nullptr);
-}
-
-TEST(Framebuffers, DefaultIsTakenUnchecked) {
-    ConfigHome home("fb__default nothing\n");
-    EXPECT_STREQ(FB_def_framebuffer(), "nothing");
-    EXPECT_EQ(FB_find("nothing"), nullptr);
 }
 
 TEST(Framebuffers, SyntaxErrorsEvenOutsideBlocks) {

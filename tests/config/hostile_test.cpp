@@ -7,7 +7,7 @@
 #include <pxf/clr.h>
 #include <pxf/fmt.h>
 
-#include "config_env.h"
+#include "support/config_home.h"
 
 namespace {
 

@@ -1,7 +1,8 @@
-// Helpers for the image-core tests: the numbered catalogue, plug-in loading
-// and image descriptions.
+// Helpers for the image-core tests: the numbered catalogue, plug-in loading,
+// image descriptions and open requests.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <nl_types.h>
 
 #include <cstring>
@@ -47,10 +48,47 @@ inline PXF_IMAGE_DESC describe(int width, int height, int channels, int bits, in
     return d;
 }
 
-// An initialised info for `images` (not owned), with a heap copy of key and name.
 inline void set_text(char *&field, const char *value) {
     free(field);
     field = value ? strdup(value) : nullptr;
 }
+
+// An initialised info for PXF_open: the key and handle are heap copies, the
+// descriptions stay the caller's.
+struct Request {
+    PXF_INFO info;
+    Request() { PXF_info_init(&info); }
+    ~Request() {
+        set(nullptr, nullptr);
+        PXF_info_cleanup(&info, 1);
+    }
+    Request(const Request &) = delete;
+    Request &operator=(const Request &) = delete;
+    Request &set(const char *key, const char *handle, PXF_IMAGE_DESC *images = nullptr, int count = 1) {
+        set_text(info.key, key);
+        set_text(info.handle, handle);
+        info.images = images;
+        info.num_images = images ? count : 0;
+        return *this;
+    }
+    PXF_IMAGE *open(const char *mode) { return PXF_open(&info, mode); }
+};
+
+// A test whose library messages come from the numbered catalogue; the
+// registry is shut down and the catalogue closed afterwards.
+class Numbered : public ::testing::Test {
+protected:
+    void SetUp() override {
+        catalog_ = numbered_catalog();
+        ASSERT_NE(catalog_, reinterpret_cast<nl_catd>(-1));
+        pxf__msg_cat = catalog_;
+    }
+    void TearDown() override {
+        PXF_exit();
+        catclose(catalog_);
+        pxf__msg_cat = nullptr;
+    }
+    nl_catd catalog_{};
+};
 
 }  // namespace pxf::test

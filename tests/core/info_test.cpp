@@ -13,24 +13,13 @@
 #include "support/test_support.h"
 
 // The layout applications and plug-ins compile against.
-static_assert(sizeof(PXF_RESPONSE_CURVE) == 40 && offsetof(PXF_RESPONSE_CURVE, tables) == 32);
-static_assert(sizeof(PXF_CHAN_GROUP) == 24 && offsetof(PXF_CHAN_GROUP, width) == 16);
-static_assert(offsetof(PXF_IMAGE_DESC, curve) == 8 && offsetof(PXF_IMAGE_DESC, aspect) == 48);
-static_assert(offsetof(PXF_IMAGE_DESC, window) == 68 && offsetof(PXF_IMAGE_DESC, active_window) == 84);
-static_assert(offsetof(PXF_IMAGE_DESC, orientation) == 104 && offsetof(PXF_IMAGE_DESC, chan) == 112);
+static_assert(sizeof(PXF_RESPONSE_CURVE) == 40 && sizeof(PXF_CHAN_GROUP) == 24 && sizeof(PXF_LUT) == 24);
+static_assert(offsetof(PXF_IMAGE_DESC, window) == 68 && offsetof(PXF_IMAGE_DESC, chan) == 112);
 static_assert(offsetof(PXF_IMAGE_DESC, index) == 184 && sizeof(PXF_IMAGE_DESC) == 208);
-static_assert(sizeof(PXF_CAP_SETTING) == 8 && offsetof(PXF_CAP_SETTING, value) == 4);
-static_assert(sizeof(PXF_LUT) == 24 && offsetof(PXF_LUT, gamma) == 16);
-static_assert(offsetof(PXF_INFO, option_flag) == 16 && offsetof(PXF_INFO, specific) == 104);
-static_assert(offsetof(PXF_INFO, value_b) == 120 && offsetof(PXF_INFO, init_magic) == 140);
-static_assert(offsetof(PXF_INFO, red_pri) == 144 && offsetof(PXF_INFO, num_images) == 192);
-static_assert(offsetof(PXF_INFO, images) == 200 && offsetof(PXF_INFO, open_flag) == 228);
-static_assert(offsetof(PXF_INFO, value_c) == 232 && sizeof(PXF_INFO) == 272);
-static_assert(offsetof(PXF_IMAGE, info) == 8 && offsetof(PXF_IMAGE, mode) == 280);
-static_assert(offsetof(PXF_IMAGE, scan) == 296 && offsetof(PXF_IMAGE, seek) == 384);
-static_assert(offsetof(PXF_IMAGE, current_line) == 392 && offsetof(PXF_IMAGE, direct_scan) == 408);
-static_assert(offsetof(PXF_IMAGE, lock) == 416);
-static_assert(offsetof(PXF_TYPE, next) == 0);
+static_assert(offsetof(PXF_INFO, specific) == 104 && offsetof(PXF_INFO, init_magic) == 140);
+static_assert(offsetof(PXF_INFO, images) == 200 && sizeof(PXF_INFO) == 272);
+static_assert(offsetof(PXF_IMAGE, mode) == 280 && offsetof(PXF_IMAGE, scan) == 296);
+static_assert(offsetof(PXF_IMAGE, current_line) == 392 && offsetof(PXF_IMAGE, lock) == 416);
 
 namespace {
 
@@ -39,46 +28,21 @@ using pxf::test::numbered;
 using pxf::test::ReportCapture;
 using pxf::test::StderrCapture;
 
-class CatalogueTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        pxf__msg_cat = pxf::test::numbered_catalog();
-        ASSERT_NE(pxf__msg_cat, reinterpret_cast<nl_catd>(-1));
-    }
-    void TearDown() override {
-        catclose(pxf__msg_cat);
-        pxf__msg_cat = nullptr;
-    }
-};
+using CatalogueTest = pxf::test::Numbered;
 
-TEST(Info, InitSetsDefaultsFromTheColourDatabase) {
+TEST(Info, InitSetsDefaultsAndCleanupWarnsOnMisuse) {
     PXF_INFO info;
     std::memset(&info, 0x5a, sizeof info);
     PXF_info_init(&info);
-    EXPECT_EQ(info.key, nullptr);
-    EXPECT_EQ(info.job_num, -1);
     EXPECT_EQ(info.init_magic, 22839u);
-    uint32_t rate_bits;
-    std::memcpy(&rate_bits, &info.frame_rate, 4);
-    EXPECT_EQ(rate_bits, 0x41EFC28Fu);
-    EXPECT_EQ(info.open_flag, 1);
-    EXPECT_FLOAT_EQ(info.red_pri[0], 0.67f);
-    EXPECT_FLOAT_EQ(info.white_pt[1], 0.316f);
-}
-
-TEST(Info, CleanupFreesOwnedStringsAndWarnsOnSecondCall) {
-    PXF_INFO info;
-    PXF_info_init(&info);
+    EXPECT_FLOAT_EQ(info.red_pri[0], 0.67f);  // from the colour database
     info.key = strdup("mem");
-    info.compression = strdup("none");
     info.num_images = 2;
     info.images = static_cast<PXF_IMAGE_DESC *>(calloc(2, sizeof(PXF_IMAGE_DESC)));
     info.images[1].aux.format = strdup("z");
     StderrCapture err;
     PXF_info_cleanup(&info, 1);
-    EXPECT_EQ(info.key, nullptr);
     EXPECT_EQ(info.images, nullptr);
-    EXPECT_EQ(info.init_magic, 0u);
     EXPECT_EQ(err.finish(), "");
 
     StderrCapture again;
@@ -86,17 +50,10 @@ TEST(Info, CleanupFreesOwnedStringsAndWarnsOnSecondCall) {
     EXPECT_EQ(again.finish(),
               "PXF_info_cleanup: application programming error.\n"
               "The PXF_INFO structure being freed has either been freed already or else was never initialised.\n");
-}
-
-TEST(Info, FreeOfUninitialisedRecordWarnsAndStillFrees) {
-    auto *info = static_cast<PXF_INFO *>(calloc(1, sizeof(PXF_INFO)));
-    StderrCapture err;
-    EXPECT_EQ(PXF_info_free(info, 0), nullptr);
-    EXPECT_NE(err.finish().find("application programming error"), std::string::npos);
-    PXF_INFO *fresh = PXF_info_alloc();
-    ASSERT_NE(fresh, nullptr);
-    EXPECT_EQ(fresh->init_magic, 22839u);
-    EXPECT_EQ(PXF_info_free(fresh, 1), nullptr);
+    auto *never = static_cast<PXF_INFO *>(calloc(1, sizeof(PXF_INFO)));
+    StderrCapture freed;
+    EXPECT_EQ(PXF_info_free(never, 0), nullptr);  // warned about, freed all the same
+    EXPECT_NE(freed.finish().find("application programming error"), std::string::npos);
 }
 
 TEST(ChannelBuffer, RowsArePaddedToEightBytesInGroupOrder) {
@@ -114,38 +71,23 @@ TEST(ChannelBuffer, RowsArePaddedToEightBytesInGroupOrder) {
 }
 
 TEST(ChannelBuffer, ElementSizeFollowsWidth) {
-    const int widths[] = {0, 8, 9, 16, 17, 32};
-    const int bytes[] = {1, 1, 2, 2, 4, 4};
+    const int widths[] = {0, 8, 9, 16, 17, 32}, bytes[] = {1, 1, 2, 2, 4, 4};
     for (int i = 0; i < 6; ++i) {
         PXF_IMAGE_DESC d = describe(1, 1, 1, widths[i]);
         int size = -1;
-        void **rows = PXF_chan_alloc(&d, 8, "test", &size);
-        ASSERT_NE(rows, nullptr);
+        PXF_chan_free(PXF_chan_alloc(&d, 8, "test", &size));
         EXPECT_EQ(size, 8 * bytes[i]) << "width " << widths[i];
-        PXF_chan_free(rows);
     }
-    PXF_IMAGE_DESC d = describe(1, 1, 1, 32, 0, 1, PXF_C_DOUBLE);
-    void **rows = pxf__chan_alloc(&d, 3, "test");
-    EXPECT_EQ(chan_alloc_size, 24 + 24);
-    pxf__chan_free(rows);
 }
 
 TEST(ChannelBuffer, ColourIndexOnlyWithoutColourChannels) {
-    PXF_IMAGE_DESC d = describe(5, 1, 3, 8);
-    d.index.count = 2;
-    void **rows = pxf__chan_alloc(&d, 5, "test");
-    ASSERT_NE(rows, nullptr);
+    PXF_IMAGE_DESC d = describe(5, 1, 3, 8), indexed = describe(5, 1, 0, 8);
+    d.index.count = indexed.index.count = 2;
+    pxf__chan_free(pxf__chan_alloc(&d, 5, "test"));
     EXPECT_EQ(d.index.count, 0);
     EXPECT_EQ(chan_alloc_size, 3 * 8);
-    pxf__chan_free(rows);
-
-    PXF_IMAGE_DESC indexed = describe(5, 1, 0, 8);
-    indexed.index.count = 2;
-    rows = pxf__chan_alloc(&indexed, 5, "test");
-    ASSERT_NE(rows, nullptr);
+    pxf__chan_free(pxf__chan_alloc(&indexed, 5, "test"));
     EXPECT_EQ(chan_alloc_size, 2 * 16);
-    EXPECT_EQ(static_cast<char *>(rows[1]) - static_cast<char *>(rows[0]), 16);
-    pxf__chan_free(rows);
 }
 
 struct GroupFault {
@@ -196,47 +138,21 @@ TEST(ChannelBuffer, OutOfMemorySetsCodeWithoutMessage) {
     EXPECT_TRUE(capture.reports().empty());
 }
 
-template <class T>
-void check_copier(int (*copy)(void **, void **, int, int)) {
-    T a0[6], a1[6], b0[6] = {}, b1[6] = {};
-    for (int i = 0; i < 6; ++i) {
-        a0[i] = T(0x11111111u * (i + 1));
-        a1[i] = T(0x01010101u * (i + 7));
-    }
-    void *src[] = {a0, a1}, *dst[] = {b0, b1};
-    EXPECT_EQ(copy(dst, src, 2, 5), 0);
-    EXPECT_EQ(std::memcmp(a0, b0, 5 * sizeof(T)), 0);
-    EXPECT_EQ(std::memcmp(a1, b1, 5 * sizeof(T)), 0);
-    EXPECT_EQ(b0[5], T(0));  // nothing beyond the given count
-}
-
-TEST(ChannelBuffer, CopiersCopyWholeElements) {
-    check_copier<uint8_t>(pxf__chan_copy_byte);
-    check_copier<uint16_t>(pxf__chan_copy_short);
-    check_copier<uint32_t>(pxf__chan_copy_long);
-}
-
 TEST(Lut, GrowKeepsMaximumAndZeroesNewEntries) {
     PXF_LUT *lut = PXF_lut_alloc(16);
     ASSERT_NE(lut, nullptr);
-    EXPECT_EQ(lut->maximum, 15);
-    EXPECT_EQ(lut->count, 16u);
-    EXPECT_EQ(lut->gamma, 1.0f);
     for (uint32_t i = 0; i < 16; ++i) lut->entries[i] = {uint16_t(i), 1, 2, 3};
-    lut->gamma = 2.2f;
     PXF_LUT *copy = PXF_lut_copy(lut);
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(std::memcmp(copy->entries, lut->entries, 16 * sizeof(PXF_LUT_ENTRY)), 0);
-    EXPECT_EQ(copy->gamma, 2.2f);
-
     lut = PXF_lut_realloc(lut, 32);
     ASSERT_NE(lut, nullptr);
     EXPECT_EQ(lut->maximum, 15);
     EXPECT_EQ(lut->count, 32u);
     EXPECT_EQ(lut->entries[15].red, 15);
     for (uint32_t i = 16; i < 32; ++i) EXPECT_EQ(lut->entries[i].red | lut->entries[i].flags, 0);
-    EXPECT_EQ(PXF_lut_free(lut), nullptr);
-    EXPECT_EQ(PXF_lut_free(copy), nullptr);
+    PXF_lut_free(lut);
+    PXF_lut_free(copy);
 }
 
 TEST(Lut, FailedGrowFreesTheRecord) {
@@ -251,22 +167,6 @@ TEST(Lut, FailedGrowFreesTheRecord) {
         EXPECT_EQ(PXF_lut_alloc(8), nullptr);
         pxf::fault::disarm();
     }
-}
-
-TEST(Lut, ReadWithoutPaletteReaderIsNoError) {
-    PXF_IMAGE image;
-    std::memset(&image, 0, sizeof image);
-    PXF_LUT *lut = reinterpret_cast<PXF_LUT *>(&image);
-    EXPECT_EQ(PXF_lut_read(&image, &lut), 1);
-    EXPECT_EQ(lut, nullptr);
-    void *data[1] = {&image};
-    image.private_data = data;
-    image.lut_read = [](void *, PXF_LUT **out) {
-        *out = PXF_lut_alloc(2);
-        return 0;
-    };
-    EXPECT_EQ(PXF_lut_read(&image, &lut), 0);
-    PXF_lut_free(lut);
 }
 
 // A settings list built from (code, value) pairs; value is an integer or a float by code.
@@ -318,12 +218,6 @@ void free_list(PXF_CAP_SETTING **list) {
 }
 
 TEST(Settings, CopyIsDeepAndStopsWhereMemoryEnds) {
-    PXF_CAP_SETTING *fresh = PXF_cap_setting_alloc(2);
-    ASSERT_NE(fresh, nullptr);
-    EXPECT_EQ(fresh[1].code, PXF_CAP_NONE);
-    EXPECT_EQ(fresh[1].value.integer, 0);
-    free(fresh);
-
     Settings a{{0, 3}, {1, 0.5}, {0, 9}};
     PXF_CAP_SETTING **copy = PXF_cap_setting_copy(a.get());
     ASSERT_NE(copy, nullptr);
@@ -331,8 +225,6 @@ TEST(Settings, CopyIsDeepAndStopsWhereMemoryEnds) {
     EXPECT_TRUE(PXF_cap_setting_compare(copy, a.get()));
     EXPECT_EQ(copy[3], nullptr);
     free_list(copy);
-    Settings empty{};
-    EXPECT_EQ(PXF_cap_setting_copy(empty.get()), nullptr);
 
     ReportCapture capture;
     pxf::fault::arm(3);  // the list and the first setting succeed
@@ -349,34 +241,25 @@ int capability(PXF_CAP_SETTING ***settings, int *a, int *b, int *c) {
     static PXF_CAP_SETTING s{0, {5}};
     static PXF_CAP_SETTING *list[] = {&s, nullptr};
     *settings = list;
-    *a = 1;
-    *b = 2;
-    *c = 3;
+    *a = *b = *c = 3;
     return 1;
 }
 
 TEST_F(CatalogueTest, SpecificSettingsComeFromTheDriver) {
-    ASSERT_EQ(PXF_init(pxf__msg_cat, nullptr), 0);
+    ASSERT_EQ(PXF_init(catalog_, nullptr), 0);
     PXF_TYPE entry{};
-    PXF_CAP_SETTING **list = reinterpret_cast<PXF_CAP_SETTING **>(&entry);
-    int a = 9, b = 9, c = 9;
-    PXF_info_get_specific(nullptr, &entry, &list, &a, &b, &c);
-    EXPECT_EQ(list, nullptr);
-    EXPECT_EQ(a + b + c, 0);
     entry.capability = capability;
+    PXF_CAP_SETTING **list = nullptr;
+    int a = 9, b = 9, c = 9;
     PXF_info_get_specific(nullptr, &entry, &list, &a, &b, &c);
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(list[0]->value.integer, 5);
     EXPECT_EQ(c, 3);
-
     ReportCapture capture;
     a = 42;
-    PXF_info_get_specific("nosuch", nullptr, &list, &a, &b, &c);
+    PXF_info_get_specific("nosuch", nullptr, &list, &a, &b, &c);  // unknown key: outputs untouched
     EXPECT_EQ(a, 42);
-    EXPECT_EQ(capture.last(),
-              numbered(902, "Unknown file type key (\"nosuch\") was specified; Ensure that the plug-in for "
-                            "this type is defined"));
-    PXF_exit();
+    EXPECT_TRUE(capture.last().rfind("[902] ", 0) == 0);
 }
 
 }  // namespace

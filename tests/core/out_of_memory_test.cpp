@@ -20,7 +20,6 @@ namespace {
 
 using pxf::test::describe;
 using pxf::test::for_each_allocation_failure;
-using pxf::test::set_text;
 
 void expect_unlocked(int n) {
     EXPECT_EQ(pthread_mutex_trylock(&pxf::open_lock), 0) << "open lock held after failure " << n;
@@ -29,28 +28,14 @@ void expect_unlocked(int n) {
 
 class OutOfMemory : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin"}), 0);
-        PXF_info_init(&info_);
-    }
-    void TearDown() override {
-        info_.images = nullptr;
-        info_.num_images = 0;
-        PXF_info_cleanup(&info_, 1);
-        PXF_exit();
-    }
-    void request(const char *key, const std::string &name, PXF_IMAGE_DESC *images, int count) {
-        set_text(info_.key, key);
-        set_text(info_.handle, name.c_str());
-        info_.images = images;
-        info_.num_images = count;
-    }
+    void SetUp() override { ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin"}), 0); }
+    void TearDown() override { PXF_exit(); }
     // Opens with every allocation failing in turn; the last run succeeds and is closed.
     int open_each_failure(const char *mode) {
         return for_each_allocation_failure(
             [&] {
                 pxf__err = 0;
-                PXF_IMAGE *image = PXF_open(&info_, mode);
+                PXF_IMAGE *image = request_.open(mode);
                 if (!image) {
                     EXPECT_EQ(pxf__err, PXF_E_NO_MEMORY);
                     return false;
@@ -60,51 +45,43 @@ protected:
             },
             expect_unlocked);
     }
-    PXF_INFO info_{};
+    pxf::test::Request request_;
     pxf::test::TempDir dir_;
 };
 
-TEST_F(OutOfMemory, MemoryWriteOpenOfSeveralImages) {
+TEST_F(OutOfMemory, MemoryAndPipeWriteOpens) {
     PXF_IMAGE_DESC d[2] = {describe(4, 3, 3, 8, 1, 1), describe(5, 2, 1, 16)};
     d[0].chan.format = const_cast<char *>("rgb");
     d[0].aspect = const_cast<char *>("square");
-    request("mem", "oom", d, 2);
-    info_.specific = nullptr;
+    request_.set("mem", "oom", d, 2);
     pxf::test::ReportCapture capture;
     EXPECT_GT(open_each_failure("w"), 10);
     EXPECT_TRUE(capture.saw("No more internal memory"));
-    d[0].chan.format = nullptr;
-    d[0].aspect = nullptr;
+    PXF_IMAGE_DESC piped = describe(4, 3, 3, 8);
+    request_.set(nullptr, "out.pipe", &piped);
+    EXPECT_GT(open_each_failure("w"), 5);
 }
 
 TEST_F(OutOfMemory, MemoryReadOpenDuplicatesTheWriter) {
     PXF_IMAGE_DESC d = describe(4, 3, 3, 8, 0, 2);
-    request("mem", "shared", &d, 1);
-    PXF_IMAGE *writer = PXF_open(&info_, "w");
+    PXF_IMAGE *writer = request_.set("mem", "shared", &d).open("w");
     ASSERT_NE(writer, nullptr);
-    info_.images = nullptr;
-    info_.num_images = 0;
+    request_.set("mem", "shared");
     EXPECT_GT(open_each_failure("r"), 5);
     PXF_close(writer);
-}
-
-TEST_F(OutOfMemory, PipeWriteOpen) {
-    PXF_IMAGE_DESC d = describe(4, 3, 3, 8);
-    request(nullptr, "out.pipe", &d, 1);
-    EXPECT_GT(open_each_failure("w"), 5);
 }
 
 TEST_F(OutOfMemory, PluginWriteAndReadOpens) {
     PXF_IMAGE_DESC d = describe(4, 3, 3, 8);
     PXF_CAP_SETTING setting{PXF_CAP_INTEGER, {3}};
     PXF_CAP_SETTING *settings[] = {&setting, nullptr};
-    request(nullptr, dir_.file("image.raw"), &d, 1);
-    info_.specific = settings;  // copied into the handle on write and on read
+    std::string path = dir_.file("image.raw");
+    request_.set(nullptr, path.c_str(), &d);
+    request_.info.specific = settings;  // copied into the handle on write and on read
     EXPECT_GT(open_each_failure("w"), 5);
-    info_.images = nullptr;
-    info_.num_images = 0;
+    request_.set(nullptr, path.c_str());
     EXPECT_GT(open_each_failure("r"), 3);
-    info_.specific = nullptr;
+    request_.info.specific = nullptr;
 }
 
 TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
@@ -114,7 +91,7 @@ TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
         ASSERT_EQ(FMT_init(nullptr), 0);
         ASSERT_EQ(CLR_init(nullptr), 0);
         pxf::fault::arm(n);
-        int result = pxf::test::init_with_plugins({"raw_plugin", "ppm_plugin"});
+        int result = pxf::test::init_with_plugins({"raw_plugin", "top_plugin"});
         bool fired = pxf::fault::fired();
         pxf::fault::disarm();
         if (!fired) {

@@ -13,23 +13,18 @@
 namespace {
 
 using pxf::test::describe;
-using pxf::test::set_text;
 
 class Seek : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "ppm_plugin"}), 0); }
+    void SetUp() override { ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "top_plugin"}), 0); }
     void TearDown() override { PXF_exit(); }
 
     // Writes rows whose bytes all equal their line number; returns the reader.
     PXF_IMAGE *write_then_open(const char *key, int height, bool top_down) {
         PXF_IMAGE_DESC d = describe(4, height, 3, 8);
-        PXF_INFO info;
-        PXF_info_init(&info);
-        set_text(info.key, key);
-        set_text(info.handle, dir_.file(std::string("seek.") + key).c_str());
-        info.images = &d;
-        info.num_images = 1;
-        PXF_IMAGE *out = PXF_open(&info, "w");
+        std::string path = dir_.file(std::string("seek.") + key);
+        request_.set(key, path.c_str(), &d);
+        PXF_IMAGE *out = request_.open("w");
         EXPECT_NE(out, nullptr);
         if (!out) return nullptr;
         void **rows = pxf__chan_alloc(&d, 4, "test");
@@ -40,12 +35,8 @@ protected:
         }
         pxf__chan_free(rows);
         PXF_close(out);
-        info.images = nullptr;
-        info.num_images = 0;
-        PXF_IMAGE *in = PXF_open(&info, "r");
-        PXF_info_cleanup(&info, 1);
         buffer_ = describe(4, 1, 3, 8);
-        return in;
+        return request_.set(key, path.c_str()).open("r");
     }
     // Reads `line` and checks that it holds its own number.
     void expect_line(PXF_IMAGE *in, int line) {
@@ -56,6 +47,7 @@ protected:
         pxf__chan_free(rows);
     }
     pxf::test::TempDir dir_;
+    pxf::test::Request request_;
     PXF_IMAGE_DESC buffer_{};
 };
 
@@ -78,7 +70,7 @@ TEST_F(Seek, BottomUpFileReopensWhenGoingBack) {
 }
 
 TEST_F(Seek, TopDownFileMirrorsIt) {
-    PXF_IMAGE *in = write_then_open("ppm", 5, true);
+    PXF_IMAGE *in = write_then_open("top", 5, true);
     ASSERT_NE(in, nullptr);
     expect_line(in, 4);
     expect_line(in, 3);
@@ -92,7 +84,7 @@ TEST_F(Seek, TopDownFileMirrorsIt) {
     PXF_close(in);
 }
 
-TEST_F(Seek, LineBeforeTheWindowCannotBeReached) {
+TEST_F(Seek, LineBeforeTheWindowIsRefusedAndAFailedReopenLeavesNoHandle) {
     PXF_IMAGE *in = write_then_open("raw", 3, false);
     ASSERT_NE(in, nullptr);
     pxf::test::StderrCapture err;
@@ -100,14 +92,6 @@ TEST_F(Seek, LineBeforeTheWindowCannotBeReached) {
     EXPECT_EQ(err.finish(), "PXF_seek: did not advance image pointer correctly\n");
     ASSERT_NE(in, nullptr);
     expect_line(in, 0);
-    PXF_close(in);
-}
-
-TEST_F(Seek, FailedReopenLeavesNoHandle) {
-    PXF_IMAGE *in = write_then_open("raw", 3, false);
-    ASSERT_NE(in, nullptr);
-    expect_line(in, 0);
-    expect_line(in, 1);
     std::remove(dir_.file("seek.raw").c_str());
     PXF_seek(&in, 0);
     EXPECT_EQ(in, nullptr);
@@ -122,17 +106,9 @@ int own_seek(void *, int line) {
 
 TEST_F(Seek, DriverSeekAndRandomAccessNeedNoReopen) {
     PXF_IMAGE_DESC d = describe(4, 4, 3, 8);
-    PXF_INFO info;
-    PXF_info_init(&info);
-    set_text(info.key, "mem");
-    set_text(info.handle, "seek.mem");
-    info.images = &d;
-    info.num_images = 1;
-    PXF_IMAGE *out = PXF_open(&info, "w");
+    PXF_IMAGE *out = request_.set("mem", "seek.mem", &d).open("w");
     ASSERT_NE(out, nullptr);
-    info.images = nullptr;
-    info.num_images = 0;
-    PXF_IMAGE *in = PXF_open(&info, "r");
+    PXF_IMAGE *in = request_.set("mem", "seek.mem").open("r");
     ASSERT_NE(in, nullptr);
     PXF_IMAGE *before = in;
     EXPECT_EQ(PXF_seek(&in, 0), 0);
@@ -142,7 +118,6 @@ TEST_F(Seek, DriverSeekAndRandomAccessNeedNoReopen) {
     EXPECT_EQ(seen_line, 3);
     PXF_close(in);
     PXF_close(out);
-    PXF_info_cleanup(&info, 1);
 }
 
 }  // namespace

@@ -21,7 +21,6 @@ extern "C" const char *__tsan_default_suppressions() { return "race:pxf__err\n";
 namespace {
 
 using pxf::test::describe;
-using pxf::test::set_text;
 
 constexpr int kThreads = 8;
 constexpr int kRounds = 25;
@@ -37,13 +36,8 @@ int own_images(int thread) {
         int width = 5 + (thread + round) % 7, height = 3 + round % 5;
         PXF_IMAGE_DESC d = describe(width, height, 3, 8, 1);
         std::string name = "t" + std::to_string(thread) + "-" + std::to_string(round);
-        PXF_INFO info;
-        PXF_info_init(&info);
-        set_text(info.key, "mem");
-        set_text(info.handle, name.c_str());
-        info.images = &d;
-        info.num_images = 1;
-        PXF_IMAGE *out = PXF_open(&info, "w");
+        pxf::test::Request request;
+        PXF_IMAGE *out = request.set("mem", name.c_str(), &d).open("w");
         if (!out) return failures + 1000;
         void **rows = pxf__chan_alloc(&d, width, "thread");
         for (int line = height - 1; line >= 0; --line) {
@@ -52,9 +46,7 @@ int own_images(int thread) {
             failures += PXF_scan_write(out, line, &rows) != 0;
         }
         pxf__chan_free(rows);
-        info.images = nullptr;
-        info.num_images = 0;
-        PXF_IMAGE *in = PXF_open(&info, "r");
+        PXF_IMAGE *in = request.set("mem", name.c_str()).open("r");
         if (!in) return failures + 1000;
         for (int line = 0; line < height; ++line) {
             void **got = nullptr;
@@ -67,7 +59,6 @@ int own_images(int thread) {
         }
         failures += PXF_close(in) != 0;
         failures += PXF_close(out) != 0;
-        PXF_info_cleanup(&info, 1);
     }
     return failures;
 }
@@ -80,13 +71,8 @@ TEST(Threads, EachThreadsImagesStayItsOwnWhileOthersOpenAndClose) {
     // One writer shared by every thread as well: its handle lock serialises the scans.
     const int width = 16, height = kThreads * 4;
     PXF_IMAGE_DESC shared_desc = describe(width, height, 3, 16);
-    PXF_INFO shared_info;
-    PXF_info_init(&shared_info);
-    set_text(shared_info.key, "mem");
-    set_text(shared_info.handle, "shared");
-    shared_info.images = &shared_desc;
-    shared_info.num_images = 1;
-    PXF_IMAGE *shared = PXF_open(&shared_info, "w");
+    pxf::test::Request request;
+    PXF_IMAGE *shared = request.set("mem", "shared", &shared_desc).open("w");
     ASSERT_NE(shared, nullptr);
 
     std::atomic<int> failures{0};
@@ -105,9 +91,7 @@ TEST(Threads, EachThreadsImagesStayItsOwnWhileOthersOpenAndClose) {
     for (auto &thread : threads) thread.join();
     EXPECT_EQ(failures.load(), 0);
 
-    shared_info.images = nullptr;
-    shared_info.num_images = 0;
-    PXF_IMAGE *in = PXF_open(&shared_info, "r");
+    PXF_IMAGE *in = request.set("mem", "shared").open("r");
     ASSERT_NE(in, nullptr);
     for (int line = 0; line < height; ++line) {
         void **got = nullptr;
@@ -118,7 +102,6 @@ TEST(Threads, EachThreadsImagesStayItsOwnWhileOthersOpenAndClose) {
     }
     PXF_close(in);
     PXF_close(shared);
-    PXF_info_cleanup(&shared_info, 1);
     PXF_exit();
     ERR_report_mp(nullptr, 0);
 }

@@ -23,52 +23,36 @@ int by_key(void *existing, void *element, int) {
     return static_cast<Item *>(existing)->key - static_cast<Item *>(element)->key;
 }
 
-TEST(List, AddRemoveAtBothEnds) {
+TEST(List, AddAndRemoveAtBothEndsAndInTheMiddle) {
     DST_LL list;
     DST_ll_init(&list);
-    Item a{nullptr, 0, 1}, b{nullptr, 0, 2}, c{nullptr, 0, 3};
+    Item a{nullptr, 0, 1}, b{nullptr, 0, 2}, c{nullptr, 0, 3}, stranger{nullptr, 0, 9};
     EXPECT_EQ(DST_ll_addt(&list, &a), nullptr);
     EXPECT_EQ(DST_ll_addt(&list, &b), &a);
     EXPECT_EQ(DST_ll_addh(&list, &c), &a);
     EXPECT_EQ(tags(&list), (std::vector<int>{3, 1, 2}));
-    EXPECT_EQ(DST_ll_length(&list), 3u);
-    EXPECT_EQ(DST_ll_remt(&list), &b);
+    EXPECT_EQ(DST_ll_rem(&list, &stranger), nullptr);
+    EXPECT_EQ(DST_ll_rem(&list, &b), &b);  // the tail
     EXPECT_EQ(DST_ll_last(&list), &a);
+    DST_ll_addt(&list, &b);  // the new tail links correctly after removal
+    EXPECT_EQ(DST_ll_rem(&list, &a), &a);  // the middle
+    EXPECT_EQ(tags(&list), (std::vector<int>{3, 2}));
+    EXPECT_EQ(DST_ll_length(&list), 2u);
+    EXPECT_EQ(DST_ll_remt(&list), &b);
     EXPECT_EQ(DST_ll_remh(&list), &c);
-    EXPECT_EQ(DST_ll_remh(&list), &a);
     EXPECT_EQ(DST_ll_remh(&list), nullptr);
     EXPECT_EQ(DST_ll_remt(&list), nullptr);
-    EXPECT_EQ(list.head, nullptr);
-    EXPECT_EQ(list.tail, nullptr);
-    EXPECT_EQ(list.count, 0u);
-}
-
-TEST(List, RemoveMiddleTailAndStranger) {
-    DST_LL *list = DST_ll_new();
-    ASSERT_NE(list, nullptr);
-    Item a{nullptr, 0, 1}, b{nullptr, 0, 2}, c{nullptr, 0, 3}, stranger{nullptr, 0, 9};
-    DST_ll_addt(list, &a);
-    DST_ll_addt(list, &b);
-    DST_ll_addt(list, &c);
-    EXPECT_EQ(DST_ll_rem(list, &stranger), nullptr);
-    EXPECT_EQ(DST_ll_length(list), 3u);
-    EXPECT_EQ(DST_ll_rem(list, &c), &c);
-    EXPECT_EQ(DST_ll_last(list), &b);
-    DST_ll_addt(list, &c);  // the new tail links correctly after removal
-    EXPECT_EQ(tags(list), (std::vector<int>{1, 2, 3}));
-    EXPECT_EQ(DST_ll_rem(list, &b), &b);
-    EXPECT_EQ(tags(list), (std::vector<int>{1, 3}));
-    DST_ll_free(list);
+    EXPECT_TRUE(list.head == nullptr && list.tail == nullptr && list.count == 0);
+    DST_LL *allocated = DST_ll_new();
+    ASSERT_NE(allocated, nullptr);
+    DST_ll_free(allocated);
 }
 
 TEST(List, OrderedInsertPutsNewcomerFirstAmongEquals) {
     DST_LL list;
     DST_ll_init(&list);
     Item x{nullptr, 5, 1}, y{nullptr, 3, 2}, z{nullptr, 5, 3}, w{nullptr, 9, 4}, dup{nullptr, 3, 5};
-    EXPECT_EQ(DST_ll_addo(&list, &x, by_key, 1), 1);
-    EXPECT_EQ(DST_ll_addo(&list, &y, by_key, 1), 1);
-    EXPECT_EQ(DST_ll_addo(&list, &z, by_key, 1), 1);
-    EXPECT_EQ(DST_ll_addo(&list, &w, by_key, 1), 1);
+    for (Item *i : {&x, &y, &z, &w}) EXPECT_EQ(DST_ll_addo(&list, i, by_key, 1), 1);
     EXPECT_EQ(tags(&list), (std::vector<int>{2, 3, 1, 4}));
     EXPECT_EQ(DST_ll_addo(&list, &dup, by_key, 0), 0);
     EXPECT_EQ(tags(&list), (std::vector<int>{2, 3, 1, 4}));

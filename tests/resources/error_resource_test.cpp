@@ -69,18 +69,15 @@ TEST_F(ErrorResources, ReachGlobalHandlersWithStoredSeverityAndNothingElse) {
     ERR_can_handler(nullptr);
 }
 
-TEST_F(ErrorResources, DefaultHandlerPrintsAndFatalExits) {
+TEST_F(ErrorResources, DefaultHandlerPrintsFatalExitsAndClosedFilesAreNotSearched) {
     StderrCapture err;
     ERR_report_rsc(nullptr, "E_OPEN", "b.rla", 1);
     EXPECT_EQ(err.finish(), "WARNING, cannot open b.rla (1 tries)\n");
     EXPECT_EXIT(ERR_report_rsc(nullptr, "E_FATAL"), ::testing::ExitedWithCode(1), "FATAL, gave up");
-}
-
-TEST_F(ErrorResources, ClosedFilesAreNoLongerSearched) {
     ASSERT_EQ(RSC_file_close(nullptr), 1);
-    StderrCapture err;
+    StderrCapture after;
     EXPECT_EQ(ERR_report_rsc(nullptr, "E_OPEN", "c", 1), 0);
-    EXPECT_EQ(err.finish(), "");
+    EXPECT_EQ(after.finish(), "");
 }
 
 }  // namespace

@@ -1,8 +1,14 @@
-// Builds resource-file bytes by hand, so that tests state the layout they expect.
+// Builds resource files: by hand, so that tests state the layout they expect,
+// or through the library.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
+#include <utility>
+
+#include <pxf/rsc.h>
 
 namespace pxf::test {
 
@@ -18,6 +24,15 @@ inline std::string resource_entry(const std::string &name, uint32_t offset, uint
 }
 inline std::string type_entry(const char code[5], uint32_t count, uint32_t table) {
     return std::string(code, 4) + std::string(4, '\0') + slot(count) + slot(table);
+}
+
+// Writes a file holding the given resources (name, data pairs) of one type.
+inline void make_file(const std::string &path, std::initializer_list<std::pair<std::string, std::string>> items,
+                      const char *type = "TEST") {
+    ASSERT_EQ(RSC_file_create(path.c_str()), 1);
+    for (auto &[name, data] : items)
+        ASSERT_EQ(RSC_rsrc_addc(type, name.c_str(), data.data(), static_cast<uint32_t>(data.size())), 1);
+    ASSERT_EQ(RSC_file_close(nullptr), 1);
 }
 
 }  // namespace pxf::test

@@ -1,8 +1,9 @@
 /*
  * A small driver plug-in for raw 8-bit pixel files: a 7-byte magic, four
  * 32-bit host-order integers (width, height, image channels, matte
- * channels), then one row per channel for each scanline, bottom up.
- * Compile-time switches make the broken variants the registry must refuse.
+ * channels), then one row per channel for each scanline, bottom up (top down
+ * with RAW_TOP_DOWN).  Compile-time switches make the variants, including
+ * the broken ones the registry must refuse.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -25,8 +26,13 @@
 #ifndef RAW_ACCESS
 #define RAW_ACCESS 12
 #endif
-
-static const char magic[7] = {'P', 'X', 'R', 'A', 'W', '1', '\n'};
+#ifdef RAW_TOP_DOWN
+#define MAGIC "PXTOP1\n"
+#define ORIENTATION 0
+#else
+#define MAGIC "PXRAW1\n"
+#define ORIENTATION 1
+#endif
 
 const char *version = RAW_VERSION;
 #ifndef RAW_NO_KEY
@@ -34,11 +40,13 @@ const char *imageKey = RAW_KEY;
 #endif
 const char *imageExtension = RAW_EXTENSION;
 const char *imageName = RAW_NAME;
-const char *imageDescription = "raw 8-bit pixels";
-int imageOrientation = 1;
+int imageOrientation = ORIENTATION;
 int imageAccess = RAW_ACCESS;
+#ifndef RAW_BARE /* the bare variant leaves these to the registry's defaults */
+const char *imageDescription = "raw 8-bit pixels";
 int imageNumberOfChannels = 4;
 int imageBitsPerChannel = 8;
+#endif
 #ifdef RAW_MULTI_FRAME
 int imageMultiFrame = 2;
 #endif
@@ -51,7 +59,7 @@ int imageInit(void) { return 1; }
 
 typedef struct {
     FILE *file;
-    int32_t width, height, channels, mattes;
+    int32_t width, channels, mattes;
     int next;
 } raw_file;
 
@@ -61,7 +69,7 @@ int imageIsFile(const char *path, void *stream) {
     int yes;
     if (!f) return 0;
     if (stream) rewind(f);
-    yes = fread(head, 1, 7, f) == 7 && memcmp(head, magic, 7) == 0;
+    yes = fread(head, 1, 7, f) == 7 && memcmp(head, MAGIC, 7) == 0;
     if (!stream) fclose(f);
     return yes;
 }
@@ -72,33 +80,26 @@ static int raw_close(PXF_IMAGE *image) {
     return pxf__free_obj(image) ? 0 : -1;
 }
 
-static int bad_line(void) {
-    pxf__err = PXF_E_BAD_SCANLINE;
-    return PXF_E_BAD_SCANLINE;
-}
-
-#ifndef RAW_NO_WRITE
-static int raw_write(void *data, int line, void ***rows, void **table) {
+/* Reads or writes one line: every channel row in turn, lines in file order. */
+static int transfer(void *data, int line, void ***rows, int writing) {
     raw_file *r = (raw_file *)data;
     int c;
-    (void)table;
-    if (line != r->next) return bad_line();
-    for (c = 0; c < r->channels + r->mattes; ++c)
-        if (fwrite((*rows)[c], 1, (size_t)r->width, r->file) != (size_t)r->width) return PXF_E_FLUSH;
-    ++r->next;
+    if (line != r->next) {
+        pxf__err = PXF_E_BAD_SCANLINE;
+        return PXF_E_BAD_SCANLINE;
+    }
+    for (c = 0; c < r->channels + r->mattes; ++c) {
+        size_t done = writing ? fwrite((*rows)[c], 1, (size_t)r->width, r->file)
+                              : fread((*rows)[c], 1, (size_t)r->width, r->file);
+        if (done != (size_t)r->width) return writing ? PXF_E_FLUSH : (pxf__err = PXF_E_BAD_SCANLINE);
+    }
+    r->next += ORIENTATION ? 1 : -1;
     return 0;
 }
-#endif
 
 static int raw_read(void *data, int line, void ***rows, void **table) {
-    raw_file *r = (raw_file *)data;
-    int c;
     (void)table;
-    if (line != r->next) return bad_line();
-    for (c = 0; c < r->channels + r->mattes; ++c)
-        if (fread((*rows)[c], 1, (size_t)r->width, r->file) != (size_t)r->width) return bad_line();
-    ++r->next;
-    return 0;
+    return transfer(data, line, rows, 0);
 }
 
 static int attach(PXF_IMAGE *image, FILE *file, int32_t head[4], PXF_SCAN_FN scan) {
@@ -113,9 +114,9 @@ static int attach(PXF_IMAGE *image, FILE *file, int32_t head[4], PXF_SCAN_FN sca
     }
     r->file = file;
     r->width = head[0];
-    r->height = head[1];
     r->channels = head[2];
     r->mattes = head[3];
+    r->next = ORIENTATION ? 0 : head[1] - 1;
     table[0] = r;
     image->private_data = table;
     image->scan = scan;
@@ -124,6 +125,11 @@ static int attach(PXF_IMAGE *image, FILE *file, int32_t head[4], PXF_SCAN_FN sca
 }
 
 #ifndef RAW_NO_WRITE
+static int raw_write(void *data, int line, void ***rows, void **table) {
+    (void)table;
+    return transfer(data, line, rows, 1);
+}
+
 int imageWriteOpen(PXF_IMAGE *image) {
     PXF_IMAGE_DESC *d = image->info.images;
     int32_t head[4];
@@ -138,17 +144,11 @@ int imageWriteOpen(PXF_IMAGE *image) {
     head[1] = d->window.top - d->window.bottom + 1;
     head[2] = d->chan.count;
     head[3] = d->matte.count;
-    fwrite(magic, 1, 7, f);
+    fwrite(MAGIC, 1, 7, f);
     fwrite(head, 4, 4, f);
     return attach(image, f, head, raw_write);
 }
 #endif
-
-static char *copy_text(const char *s) {
-    char *c = (char *)malloc(strlen(s) + 1);
-    if (c) strcpy(c, s);
-    return c;
-}
 
 int imageReadOpen(PXF_IMAGE *image) {
     char head_magic[7];
@@ -156,12 +156,8 @@ int imageReadOpen(PXF_IMAGE *image) {
     PXF_IMAGE_DESC *d;
     FILE *f = fopen(image->info.handle, "rb");
     if (!f) return 0;
-    if (fread(head_magic, 1, 7, f) != 7 || memcmp(head_magic, magic, 7) != 0 || fread(head, 4, 4, f) != 4) {
-        fclose(f);
-        return 0;
-    }
-    d = (PXF_IMAGE_DESC *)calloc(1, sizeof *d);
-    if (!d) {
+    if (fread(head_magic, 1, 7, f) != 7 || memcmp(head_magic, MAGIC, 7) != 0 || fread(head, 4, 4, f) != 4 ||
+        !(d = (PXF_IMAGE_DESC *)calloc(1, sizeof *d))) {
         fclose(f);
         return 0;
     }
@@ -171,13 +167,13 @@ int imageReadOpen(PXF_IMAGE *image) {
     d->window.right = head[0] - 1;
     d->window.top = head[1] - 1;
     d->active_window = d->window;
-    d->step = d->orientation = 1;
+    d->step = 1;
+    d->orientation = ORIENTATION;
     d->chan.count = head[2];
     d->matte.count = head[3];
     d->chan.type = d->matte.type = d->aux.type = d->index.type = PXF_C_INTEGER;
     d->chan.width = d->matte.width = d->aux.width = 8;
     d->index.width = 16;
-    d->chan.format = copy_text("rgb");
     image->info.images = d;
     image->info.num_images = 1;
     return attach(image, f, head, raw_read);
