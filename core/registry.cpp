@@ -11,6 +11,7 @@
 
 #include <pxf/dst.h>
 #include <pxf/plugin.h>
+#include <pxf/rla.h>
 
 #include "core/core_util.h"
 #include "core/defaults.h"
@@ -600,6 +601,8 @@ void PXF_symbols(void) {
     // Only the references matter: they keep these entry points in every link.
     static void *volatile keep[] = {reinterpret_cast<void *>(&DST_malloc), reinterpret_cast<void *>(&DST_free),
                                     reinterpret_cast<void *>(&PXF_mem_r_open),
-                                    reinterpret_cast<void *>(&PXF_pipe_w_open)};
+                                    reinterpret_cast<void *>(&PXF_pipe_w_open),
+                                    reinterpret_cast<void *>(&PXF_rla_r_open),
+                                    reinterpret_cast<void *>(&PXF_rla_w_open)};
     (void)keep;
 }
