@@ -132,8 +132,10 @@ int read_close(PXF_IMAGE *image) {
             pxf__chan_free(m->read_buffer);
             m->read_buffer = nullptr;
         }
-    // The rest belongs to the writer.
-    image->private_data = nullptr;
+    // The descriptions are the reader's own array over the writer's strings
+    // and curves; the records and their table are the reader's own and go
+    // with the handle.
+    pxf::heap_free(image->info.images);
     image->info.num_images = 0;
     image->info.images = nullptr;
     pxf__free_obj(image);
@@ -234,26 +236,47 @@ int PXF_mem_r_open(PXF_IMAGE *image) {
     image->info.program = image->info.machine = image->info.user = image->info.date = nullptr;
     image->info.text_a = image->info.text_b = image->info.compression = nullptr;
     if (!pxf__dupl_obj(image, writer)) return 0;
-    image->private_data = writer->private_data;
-    image->info.num_images = writer->info.num_images;
-    image->info.images = writer->info.images;
-    for (int i = image->info.num_images - 1; i >= 0; --i) {
-        auto *m = static_cast<MemImage *>(image->private_data[i]);
-        PXF_IMAGE_DESC &d = image->info.images[i];
-        m->read_buffer = pxf__chan_alloc(&d, d.window.right - d.window.left + 1, image->info.key);
-        if (!m->read_buffer) {
-            for (int j = 0; j < image->info.num_images; ++j) {
-                auto *other = static_cast<MemImage *>(image->private_data[j]);
-                pxf__chan_free(other->read_buffer);
-                other->read_buffer = nullptr;
-            }
-            // Hand the writer's data back before the open path frees this handle.
+    // The reader shares the writer's rows but has its own records (so its read
+    // buffers are its own) and its own array of descriptions (so operators
+    // stacked on it do not rewrite the writer's).  Shared records and
+    // descriptions would let a second reader replace, and a closing one free,
+    // the buffer another reader uses, and would let an operator's converted
+    // description pick copiers wider than the stored rows.
+    int count = writer->info.num_images;
+    auto *table = pxf::alloc_array<void *>(static_cast<std::size_t>(count));
+    auto *records = pxf::alloc_array<MemImage>(static_cast<std::size_t>(count));
+    auto *descriptions = pxf::alloc_array<PXF_IMAGE_DESC>(static_cast<std::size_t>(count));
+    if (!table || !records || !descriptions) {
+        pxf::heap_free(table);
+        pxf::heap_free(records);
+        pxf::heap_free(descriptions);
+        pxf__err = pxf::kErrNoMemory;
+        return 0;
+    }
+    std::memcpy(descriptions, writer->info.images, sizeof(PXF_IMAGE_DESC) * static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        records[i] = *static_cast<MemImage *>(writer->private_data[i]);  // copiers match the stored rows
+        records[i].read_buffer = nullptr;
+        table[i] = &records[i];
+    }
+    image->private_data = table;
+    image->info.num_images = count;
+    image->info.images = descriptions;
+    for (int i = count - 1; i >= 0; --i) {
+        MemImage &m = records[i];
+        PXF_IMAGE_DESC &d = descriptions[i];
+        m.read_buffer = pxf__chan_alloc(&d, d.window.right - d.window.left + 1, image->info.key);
+        if (!m.read_buffer) {
+            for (int j = 0; j < count; ++j) pxf__chan_free(records[j].read_buffer);
+            pxf::heap_free(table);
+            pxf::heap_free(records);
+            pxf::heap_free(descriptions);
+            // The open path frees this handle: leave it nothing of the writer's.
             image->private_data = nullptr;
             image->info.num_images = 0;
             image->info.images = nullptr;
             return 0;
         }
-        choose_copiers(*m, d);
     }
     image->scan = read_scan;
     image->close = read_close;
