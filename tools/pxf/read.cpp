@@ -1,0 +1,123 @@
+// Reading an image file through the operators the command asked for.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "tool.h"
+
+namespace pxftool {
+namespace {
+
+// Stacking and removing operators is not locked by the library: frames
+// converted in parallel take turns here.
+std::mutex chain_lock;
+
+// Operators are looked up at run time so that the tool still works (and
+// says what is missing) against a library built without them.
+template <class Fn>
+Fn find_operator(const char *name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, name));
+}
+
+using CastFn = PXF_IMAGE *(*)(PXF_IMAGE *);
+using GammaFn = PXF_IMAGE *(*)(PXF_IMAGE *, PXF_RESPONSE_CURVE *);
+using FieldFn = PXF_IMAGE *(*)(PXF_IMAGE *);
+
+[[noreturn]] void not_available(const char *option, const char *what) {
+    throw Failure(std::string(option) + ": the " + what + " is not available in this build of the library");
+}
+
+// The driver that claims the file by its content, else none (the library
+// then goes by the extension).
+std::string probe(const std::string &path) {
+    int decided = 1;
+    const char *key = PXF_get_file_type(path.c_str(), nullptr, &decided);
+    if (!key || std::strcmp(key, PXF_LITERAL_HARD_KEY_none) == 0) return "";
+    return key;
+}
+
+}  // namespace
+
+FileSource::FileSource(const std::string &path, const ReadOptions &options) : path_(path) {
+    if (access(path.c_str(), R_OK) != 0) throw Failure(path + ": " + std::strerror(errno));
+    driver_key_ = probe(path);
+    if (driver_key_.empty()) {
+        PXF_TYPE *by_name = find_driver(extension_of(path));
+        if (!by_name) throw Failure(path + ": unknown image format (no driver recognises it; see pxf formats)");
+        driver_key_ = by_name->key;
+    }
+    PXF_INFO info;
+    PXF_info_init(&info);
+    info.key = driver_key_.data();
+    info.handle = path_.data();
+    take_report();
+    {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        image_ = PXF_open(&info, "r");
+    }
+    PXF_info_cleanup(&info, 0);
+    if (!image_) fail_with_report(path, "cannot read as " + driver_key_);
+    if (image_->info.num_images < 1 || !image_->info.images) {
+        PXF_close(image_);
+        image_ = nullptr;
+        throw Failure(path + ": the file holds no image");
+    }
+    // The caller's rows receive the driver's own layout; operators hand
+    // back rows of their own.  8-byte elements fit every element type.
+    Layout native = layout_of(image_->info.images[0]);
+    Layout roomy = native;
+    for (Group &g : roomy.group) g.type = PXF_C_DOUBLE;
+    try {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        if (options.field) {
+            auto field = find_operator<FieldFn>("PXF__field_init");
+            if (!field) not_available("--field", "field operator");
+            PXF_IMAGE *frame = field(image_);
+            if (frame == image_) fail_with_report(path, "no partner field to pair with (name.NNNN fields)");
+            image_ = frame;
+            native = layout_of(image_->info.images[0]);
+            roomy = native;
+            for (Group &g : roomy.group) g.type = PXF_C_DOUBLE;
+        }
+        if (options.gamma > 0.0f) {
+            auto gamma = find_operator<GammaFn>("PXF__gamma");
+            if (!gamma) not_available("--gamma", "gamma correction operator");
+            PXF_RESPONSE_CURVE wanted{};
+            wanted.kind = PXF_CURVE_GAMMA;
+            wanted.gamma = options.gamma;
+            pxf__err = 0;
+            image_ = gamma(image_, &wanted);
+            if (pxf__err < 0) fail_with_report(path, "cannot correct the gamma of this image");
+        }
+        if (options.to_float) {
+            auto cast = find_operator<CastFn>("PXF__cast");
+            if (!cast) not_available("--float", "cast operator");
+            image_ = cast(image_);
+        }
+        if (options.quantize > 0) not_available("--quantize", "quantize operator");
+    } catch (...) {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        PXF_close(image_);
+        image_ = nullptr;
+        throw;
+    }
+    layout_ = layout_of(image_->info.images[0]);
+    buffer_ = ChannelBuffer(roomy, native.width);
+}
+
+FileSource::~FileSource() {
+    if (!image_) return;
+    std::lock_guard<std::mutex> hold(chain_lock);
+    PXF_close(image_);
+}
+
+void *const *FileSource::row(int line) {
+    void **rows = buffer_.rows();
+    if (PXF_scan_read(image_, line, &rows) < 0) fail_with_report(path_, "cannot read scanline " + std::to_string(line));
+    return rows;
+}
+
+}  // namespace pxftool
