@@ -36,5 +36,8 @@ inline bool same(const char *a, const char *b) noexcept { return a && b && std::
 
 // Frees a settings list made by PXF_cap_setting_copy.
 void free_settings(PXF_CAP_SETTING **settings) noexcept;
+// A complete copy of a non-empty settings list, or null (nothing kept) when
+// memory ran out part of the way.
+PXF_CAP_SETTING **copy_settings(PXF_CAP_SETTING **settings) noexcept;
 
 }  // namespace pxf

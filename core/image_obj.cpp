@@ -113,9 +113,9 @@ int pxf__build_obj(PXF_IMAGE *image, PXF_INFO *info) {
     if (!set_string(to.text_a, info->text_a, 147) || !set_string(to.text_b, info->text_b, 137) ||
         !set_string(to.compression, info->compression, 125))
         return no_memory();
-    if (info->specific) {
+    if (info->specific && info->specific[0]) {
         pxf::free_settings(to.specific);
-        to.specific = PXF_cap_setting_copy(info->specific);
+        to.specific = pxf::copy_settings(info->specific);
         if (!to.specific) return no_memory();
     }
     to.option_flag = info->option_flag;

@@ -146,12 +146,14 @@ void PXF_info_get_specific(const char *key, PXF_TYPE *entry, PXF_CAP_SETTING ***
 
 // ---- Channel buffers ----
 
-void **pxf__chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name) {
+namespace {
+
+void **alloc_channels(PXF_IMAGE_DESC *desc, int pixels, const char *name, int *size) {
     if (!desc) return nullptr;
     std::size_t total = count_of(desc->chan) + count_of(desc->matte) + count_of(desc->aux);
     bool indexed = desc->chan.count == 0;
     if (indexed) total += count_of(desc->index);
-    else desc->index.count = 0;  // colour channels and an index exclude each other
+    else if (desc->index.count) desc->index.count = 0;  // colour channels and an index exclude each other
 
     struct Check {
         const PXF_CHAN_GROUP &group;
@@ -198,7 +200,10 @@ void **pxf__chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name) {
         pxf__err = pxf::kErrNoMemory;
         return nullptr;
     }
-    chan_alloc_size = int(block_size);
+    *size = int(block_size);
+    // Process-wide like pxf__err; stored atomically so that threads allocating
+    // buffers at once do not race on it.
+    __atomic_store_n(&chan_alloc_size, int(block_size), __ATOMIC_RELAXED);
     std::memset(block, 0, block_size);
     buffer[0] = block;  // also the start of the block when there are no channels
     std::size_t at = 0, offset = 0;
@@ -207,9 +212,17 @@ void **pxf__chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name) {
     return buffer;
 }
 
+}  // namespace
+
+void **pxf__chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name) {
+    int size = 0;
+    return alloc_channels(desc, pixels, name, &size);
+}
+
 void **PXF_chan_alloc(PXF_IMAGE_DESC *desc, int pixels, const char *name, int *size) {
-    void **buffer = pxf__chan_alloc(desc, pixels, name);
-    if (buffer && size) *size = chan_alloc_size;
+    int block = 0;
+    void **buffer = alloc_channels(desc, pixels, name, &block);
+    if (buffer && size) *size = block;
     return buffer;
 }
 
@@ -324,6 +337,15 @@ PXF_CAP_SETTING **PXF_cap_setting_copy(PXF_CAP_SETTING **settings) {
         copy[i]->value = settings[i]->value;
     }
     copy[i] = nullptr;
+    return copy;
+}
+
+PXF_CAP_SETTING **pxf::copy_settings(PXF_CAP_SETTING **settings) noexcept {
+    PXF_CAP_SETTING **copy = PXF_cap_setting_copy(settings);
+    if (copy && settings_length(copy) != settings_length(settings)) {
+        free_settings(copy);
+        return nullptr;
+    }
     return copy;
 }
 

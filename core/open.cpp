@@ -84,7 +84,7 @@ PXF_IMAGE *open_locked(PXF_INFO *info, const char *mode) {
         if ((info->key && !(to.key = pxf::dup_string(info->key))) ||
             (info->handle && !(to.handle = pxf::dup_string(info->handle))))
             return out_of_memory(image);
-        if (info->specific && !(to.specific = PXF_cap_setting_copy(info->specific))) return out_of_memory(image);
+        if (info->specific && info->specific[0] && !(to.specific = pxf::copy_settings(info->specific))) return out_of_memory(image);
         to.option_flag = info->option_flag;
         to.open_flag = info->open_flag;
     } else {

@@ -1,4 +1,4 @@
-// Built-in format and colour defaults, until the defaults databases land.
+// Built-in colour defaults, until the colour defaults database lands.
 #include "core/defaults.h"
 
 namespace {
@@ -6,17 +6,9 @@ float red[3] = {0.67f, 0.33f, 0.0f};
 float green[3] = {0.21f, 0.71f, 0.08f};
 float blue[3] = {0.14f, 0.08f, 0.78f};
 float white[3] = {0.31f, 0.316f, 0.374f};
-char default_key[] = "rla";
-char default_name[] = "im";
 }  // namespace
 
 extern "C" {
-char *pxf__default = default_key;
-char *pxf__def_name = default_name;
-int FMT_init(nl_catd) { return 0; }
-int FMT_exit(void) { return 0; }
-float FMT_def_gamma(void) { return 2.2f; }
-int FMT_def_gamma_tab_res(void) { return 4096; }
 int CLR_init(nl_catd) { return 0; }
 int CLR_exit(void) { return 0; }
 float *CLR_def_red_primary(void) { return red; }

@@ -322,13 +322,13 @@ int PXF_init(nl_catd catalog, PXF_ENUMERATOR enumerator) {
         FMT_exit();
         return -1;
     }
+    initialised.store(true, std::memory_order_release);  // from here PXF_exit undoes the defaults too
     records = DST_ll_new();
     pxf__specific_input_max = 0;
     pxf__specific_output_max = 0;
     Collected collected;
     if (!records) return give_up(collected);
     DST_ll_init(records);
-    initialised.store(true, std::memory_order_release);
 
     if (enumerator) {
         void *library = nullptr;

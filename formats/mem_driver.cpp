@@ -93,20 +93,28 @@ void free_rows(PXF_IMAGE *image) {
     }
 }
 
-void forget_writer(PXF_IMAGE *image) {
-    if (!writers_exist) return;
-    DST_ll_initl(writers);
-    while (auto *w = static_cast<Writer *>(DST_ll_nextl(writers)))
-        if (pxf::same(w->image->info.handle, image->info.handle)) {
-            DST_ll_rem(writers, w);
-            pxf::heap_free(w);
-            break;
-        }
-    if (DST_ll_length(writers) == 0) {
+// The list lives only while it has entries.
+void drop_empty_list() {
+    if (writers_exist && DST_ll_length(writers) == 0) {
         DST_ll_free(writers);
         writers = nullptr;
         writers_exist = false;
     }
+}
+
+// Removes the closing writer's own entry.  Removing the first entry of the
+// same name instead would, with two writers of one name, leave an entry for
+// a freed handle behind.
+void forget_writer(PXF_IMAGE *image) {
+    if (!writers_exist) return;
+    DST_ll_initl(writers);
+    while (auto *w = static_cast<Writer *>(DST_ll_nextl(writers)))
+        if (w->image == image) {
+            DST_ll_rem(writers, w);
+            pxf::heap_free(w);
+            break;
+        }
+    drop_empty_list();
 }
 
 int write_close(PXF_IMAGE *image) {
@@ -142,7 +150,8 @@ int no_memory() {
 
 int PXF_mem_is_file(const char *, void *) { return 0; }
 
-int PXF_mem_w_open(PXF_IMAGE *image) {
+namespace {
+int write_open(PXF_IMAGE *image) {
     if (!writers_exist) {
         if (!(writers = DST_ll_new())) return no_memory();
         DST_ll_init(writers);
@@ -198,6 +207,13 @@ int PXF_mem_w_open(PXF_IMAGE *image) {
     node->image = image;
     DST_ll_addt(writers, node);
     return 1;
+}
+}  // namespace
+
+int PXF_mem_w_open(PXF_IMAGE *image) {
+    int result = write_open(image);
+    if (!result) drop_empty_list();  // a failed first open leaves no empty list behind
+    return result;
 }
 
 int PXF_mem_r_open(PXF_IMAGE *image) {

@@ -206,3 +206,23 @@ TEST_F(Registry, QueriesComplainOnStandardError) {
 }
 
 }  // namespace
+
+#include "naming/drivers.h"
+
+namespace {
+
+TEST(NamingLookup, PathnamesAndKeysFindRegisteredDrivers) {
+    ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "ppm_plugin"}), 0);
+    pxf::naming::DriverNames names;
+    ASSERT_TRUE(pxf::naming::driver_by_pathname("/shots/frame.0001.ppm", &names));
+    EXPECT_STREQ(names.key, "ppm");
+    EXPECT_EQ(names.record, PXF_find("ppm"));
+    EXPECT_FALSE(pxf::naming::driver_by_pathname("/shots/frame.0001.tif", &names));
+    ASSERT_TRUE(pxf::naming::driver_by_key("mem", &names));
+    EXPECT_STREQ(names.name_syntax, "Name.####.Ext");
+    EXPECT_STREQ(names.extension, ".mem");
+    EXPECT_FALSE(pxf::naming::driver_by_key("nosuch", &names));
+    PXF_exit();
+}
+
+}  // namespace

@@ -1,0 +1,18 @@
+#include <pxf/utl.h>
+
+#include <cctype>
+#include <cstdlib>
+
+extern "C" int UTL_cnv_atof(const char *text, double *value) {
+    double dummy;
+    if (!value) value = &dummy;
+    *value = 0.0;
+    if (!text) return 0;
+    char *end = nullptr;
+    double v = std::strtod(text, &end);
+    if (end == text) return 0;
+    while (std::isspace(static_cast<unsigned char>(*end))) ++end;
+    if (*end) return 0;
+    *value = v;
+    return 1;
+}
