@@ -25,6 +25,12 @@ Fn find_operator(const char *name) {
 using CastFn = PXF_IMAGE *(*)(PXF_IMAGE *);
 using GammaFn = PXF_IMAGE *(*)(PXF_IMAGE *, PXF_RESPONSE_CURVE *);
 using FieldFn = PXF_IMAGE *(*)(PXF_IMAGE *);
+// Requested (type, bits) per group: colour, matte, auxiliary; type 0 keeps.
+struct ChanType {
+    int32_t type;
+    int32_t bits;
+};
+using QuantizeFn = PXF_IMAGE *(*)(PXF_IMAGE *, const ChanType *);
 
 [[noreturn]] void not_available(const char *option, const char *what) {
     throw Failure(std::string(option) + ": the " + what + " is not available in this build of the library");
@@ -97,7 +103,14 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             if (!cast) not_available("--float", "cast operator");
             image_ = cast(image_);
         }
-        if (options.quantize > 0) not_available("--quantize", "quantize operator");
+        if (options.quantize > 0) {
+            auto quantize = find_operator<QuantizeFn>("PXF__quantize");
+            if (!quantize) not_available("--quantize", "quantize operator");
+            // Colour and matte only: depth values lie outside 0..1 and the
+            // operator does not clip.
+            const ChanType request[3] = {{PXF_C_INTEGER, options.quantize}, {PXF_C_INTEGER, options.quantize}, {0, 0}};
+            image_ = quantize(image_, request);
+        }
     } catch (...) {
         std::lock_guard<std::mutex> hold(chain_lock);
         PXF_close(image_);
