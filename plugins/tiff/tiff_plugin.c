@@ -47,6 +47,12 @@ typedef struct {
     PXF_CHAN_GROUP groups[3]; /* caller's colour, matte and aux shapes (writing) */
     int next_row;
     unsigned char *row;   /* one file scanline (all samples, or one plane) */
+    /* Reading decodes whole strips (compressed strips cannot be entered in
+     * the middle), one cached strip per plane. */
+    unsigned char *strips;
+    tmsize_t strip_bytes, line_bytes;
+    uint32_t rows_per_strip;
+    uint32_t cached[MAX_SAMPLES]; /* strip held per plane, or UINT32_MAX */
 } tiff_file;
 
 /* libtiff's complaints go to one handler for the whole process; each thread
@@ -94,9 +100,11 @@ int imageIsFile(const char *path, void *stream) {
 static void release(tiff_file *p) {
     if (p->tif) TIFFClose(p->tif);
     free(p->row);
+    free(p->strips);
     free(p->path);
     p->tif = NULL;
     p->row = NULL;
+    p->strips = NULL;
     p->path = NULL;
 }
 
@@ -155,26 +163,37 @@ static void copy_sample(const tiff_file *p, const unsigned char *src, int stride
         for (x = 0; x < p->width; ++x) ((uint32_t *)dst)[x] = ((const uint32_t *)src)[(size_t)x * stride];
 }
 
+/* The file scanline `row` of plane `plane`, from the strip cache. */
+static const unsigned char *plane_row(tiff_file *p, int row, int plane) {
+    uint32_t strip = TIFFComputeStrip(p->tif, (uint32_t)row, (uint16_t)plane);
+    uint32_t first = (uint32_t)row - (uint32_t)row % p->rows_per_strip;
+    uint32_t lines = (uint32_t)p->height - first < p->rows_per_strip ? (uint32_t)p->height - first : p->rows_per_strip;
+    unsigned char *buffer = p->strips + (size_t)plane * (size_t)p->strip_bytes;
+    if (p->cached[plane] != strip) {
+        p->cached[plane] = UINT32_MAX;
+        /* A short strip is damage, not zeros. */
+        if (TIFFReadEncodedStrip(p->tif, strip, buffer, p->strip_bytes) < (tmsize_t)lines * p->line_bytes) return NULL;
+        p->cached[plane] = strip;
+    }
+    return buffer + (size_t)((uint32_t)row - first) * (size_t)p->line_bytes;
+}
+
 static int tiff_read_scan(void *data, int line, void ***rows, void **table) {
     tiff_file *p = (tiff_file *)data;
-    int row = p->height - 1 - line, s;
+    int row = p->height - 1 - line, plane, s;
     (void)table;
     if (row < 0 || row >= p->height) return bad_scanline();
     last_problem[0] = '\0';
-    if (p->planar) {
-        for (s = 0; s < p->samples; ++s) {
-            if (TIFFReadScanline(p->tif, p->row, (uint32_t)row, (uint16_t)s) < 0) {
-                report(p->path, problem("damaged TIFF data"));
-                return bad_scanline();
-            }
-            copy_sample(p, p->row, 1, (*rows)[p->order[s]]);
-        }
-    } else {
-        if (TIFFReadScanline(p->tif, p->row, (uint32_t)row, 0) < 0) {
+    for (plane = 0; plane < (p->planar ? p->samples : 1); ++plane) {
+        const unsigned char *src = plane_row(p, row, plane);
+        if (!src) {
             report(p->path, problem("damaged TIFF data"));
             return bad_scanline();
         }
-        for (s = 0; s < p->samples; ++s) copy_sample(p, p->row + (size_t)s * p->bytes, p->samples, (*rows)[p->order[s]]);
+        if (p->planar)
+            copy_sample(p, src, 1, (*rows)[p->order[plane]]);
+        else
+            for (s = 0; s < p->samples; ++s) copy_sample(p, src + (size_t)s * p->bytes, p->samples, (*rows)[p->order[s]]);
     }
     return 0;
 }
@@ -273,8 +292,18 @@ int imageReadOpen(PXF_IMAGE *image) {
         else
             p->order[s] = next_aux++;
     }
-    p->row = (unsigned char *)malloc((size_t)TIFFScanlineSize(p->tif) + 16);
-    if (!p->row) return open_failed(p, "out of memory");
+    {
+        uint32_t rps = 0;
+        TIFFGetFieldDefaulted(p->tif, TIFFTAG_ROWSPERSTRIP, &rps);
+        p->rows_per_strip = rps < 1 || rps > height ? height : rps;
+        p->line_bytes = TIFFScanlineSize(p->tif);
+        p->strip_bytes = p->line_bytes * (tmsize_t)p->rows_per_strip;
+        if (p->line_bytes < (tmsize_t)p->width * (p->planar ? 1 : spp) * p->bytes)
+            return open_failed(p, "inconsistent scanline size");
+        for (s = 0; s < MAX_SAMPLES; ++s) p->cached[s] = UINT32_MAX;
+        p->strips = (unsigned char *)malloc((size_t)p->strip_bytes * (size_t)(p->planar ? spp : 1) + 16);
+        if (!p->strips) return open_failed(p, "out of memory");
+    }
 
     d->image_kind = 1;
     d->curve.kind = PXF_CURVE_GAMMA;
