@@ -67,6 +67,7 @@ static int report(const png_file *p, const char *path, const char *what) {
 }
 
 static int scan_failed(png_file *p) {
+    if (p->file && feof(p->file)) snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
     report(p, NULL, p->message[0] ? p->message : "damaged PNG data");
     pxf__err = PXF_E_BAD_SCANLINE;
     return PXF_E_BAD_SCANLINE;
@@ -273,7 +274,10 @@ int imageReadOpen(PXF_IMAGE *image) {
     p->png = png_create_read_struct(PNG_LIBPNG_VER_STRING, p, png_failed, png_warned);
     if (p->png) p->info = png_create_info_struct(p->png);
     if (!p->info) return open_failed(p, "out of memory");
-    if (!read_header(p, image)) return open_failed(p, p->message);
+    if (!read_header(p, image)) {
+        if (feof(p->file)) snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
+        return open_failed(p, p->message);
+    }
 
     d->image_kind = 1;
     d->window.right = p->width - 1;

@@ -11,10 +11,11 @@ namespace pxftool {
 namespace {
 
 thread_local std::string first_error;
+thread_local bool quiet = false;
 std::mutex print_lock;
 
 int tool_handler(const char *, int severity, const char *text, ERR_DESCRIPTOR *, void *) {
-    if (!text) return 0;
+    if (!text || quiet) return 0;
     if (severity >= ERR_ERROR) {
         if (first_error.empty()) first_error = text;
     } else if (severity == ERR_WARNING) {
@@ -45,6 +46,9 @@ void fail_with_report(const std::string &what, const std::string &fallback) {
     if (reason.compare(0, what.size() + 2, what + ": ") == 0) throw Failure(reason);
     throw Failure(what + ": " + reason);
 }
+
+QuietReports::QuietReports() : was_(quiet) { quiet = true; }
+QuietReports::~QuietReports() { quiet = was_; }
 
 void warn(const std::string &text) {
     std::lock_guard<std::mutex> hold(print_lock);

@@ -95,8 +95,13 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             wanted.kind = PXF_CURVE_GAMMA;
             wanted.gamma = options.gamma;
             pxf__err = 0;
+            PXF_CLOSE_FN before = image_->close;
             image_ = gamma(image_, &wanted);
             if (pxf__err < 0) fail_with_report(path, "cannot correct the gamma of this image");
+            // The operator leaves the described gamma alone; the rows now
+            // carry the requested one, and later stages (cast, the writer)
+            // must see that.
+            if (image_->close != before) image_->info.images[0].curve.gamma = options.gamma;
         }
         if (options.to_float) {
             auto cast = find_operator<CastFn>("PXF__cast");

@@ -33,6 +33,15 @@ std::string take_report();
 // Throws Failure("what: <library's reason>") or Failure("what: fallback").
 [[noreturn]] void fail_with_report(const std::string &what, const std::string &fallback);
 void warn(const std::string &text);
+// Drops this thread's reports while it lives (clean-up after a failure).
+class QuietReports {
+public:
+    QuietReports();
+    ~QuietReports();
+
+private:
+    bool was_;
+};
 
 // ---- Plug-ins (plugins.cpp) ----
 

@@ -22,9 +22,9 @@ struct OpenOutput {
     std::string path;
     ~OpenOutput() {
         if (!image) return;
+        QuietReports quiet;  // the real reason has been thrown already
         PXF_close(image);
         unlink(path.c_str());
-        take_report();  // the real reason has been thrown already
     }
 };
 
