@@ -55,24 +55,17 @@ TEST_F(Registry, MissingOpenFunctionForTheAccessIsRefused) {
     EXPECT_STREQ(pxf__type_list_dso[0].key, "rawro");
 }
 
-TEST_F(Registry, EntriesTakeSymbolsAndDefaults) {
+TEST_F(Registry, AbsentSymbolsTakeTheirDefaults) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "ppm_plugin"}, catalog_), 0);
     const PXF_TYPE &raw = pxf__type_list_dso[0];
-    EXPECT_STREQ(raw.name, "raw pixels");
     EXPECT_STREQ(raw.description, "raw 8-bit pixels");
-    EXPECT_STREQ(raw.format_string, "%s.%04.4d%s");
     EXPECT_EQ(raw.number_of_channels, 4);
-    EXPECT_EQ(raw.bits_per_channel, 8);
-    EXPECT_EQ(raw.add_extension, 1);
-    EXPECT_EQ(raw.usage, 1);
-    EXPECT_EQ(raw.hard_link_duplicates, 1);
-    EXPECT_EQ(raw.supports_remote_access, 0);
-    EXPECT_NE(raw.is_file, nullptr);
     const PXF_TYPE &ppm = pxf__type_list_dso[1];
     EXPECT_EQ(ppm.description, nullptr);
+    EXPECT_STREQ(ppm.format_string, "%s.%04.4d%s");
     EXPECT_EQ(ppm.number_of_channels, 3);
     EXPECT_EQ(ppm.bits_per_channel, 128);
-    EXPECT_EQ(ppm.access, 12);
+    EXPECT_EQ(ppm.hard_link_duplicates, 1);
 }
 
 TEST_F(Registry, LaterLibraryReplacesAnEarlierKey) {
@@ -222,6 +215,22 @@ TEST(NamingLookup, PathnamesAndKeysFindRegisteredDrivers) {
     EXPECT_STREQ(names.name_syntax, "Name.####.Ext");
     EXPECT_STREQ(names.extension, ".mem");
     EXPECT_FALSE(pxf::naming::driver_by_key("nosuch", &names));
+    PXF_exit();
+}
+
+}  // namespace
+
+namespace {
+
+TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
+    ERR_unmask_s(ERR_DEBUG);
+    ReportCapture capture;
+    EXPECT_NE(PXF_find("mem"), nullptr);
+    EXPECT_NE(PXF_find("pipe"), nullptr);
+    ERR_mask_s(ERR_DEBUG);
+    ASSERT_EQ(capture.reports().size(), 1u);
+    EXPECT_EQ(capture.reports()[0].severity, ERR_DEBUG);
+    EXPECT_EQ(capture.last(), "pxf, initializing database for PXF_find request");
     PXF_exit();
 }
 
