@@ -42,5 +42,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/PXFbaseConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/PXFbaseConfig.cmake ${PROJECT_BINARY_DIR}/PXFbaseConfigVersion.cmake
   DESTINATION ${PXF_CMAKE_INSTALL_DIR})
 
+file(RELATIVE_PATH PXF_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" PXF_PC_TO_PREFIX "${PXF_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/pxfbase.pc.in ${PROJECT_BINARY_DIR}/pxfbase.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/pxfbase.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

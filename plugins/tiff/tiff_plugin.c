@@ -7,6 +7,7 @@
  */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
+#include <math.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -45,6 +46,7 @@ typedef struct {
     int planar;           /* samples stored in separate planes */
     int order[MAX_SAMPLES]; /* file sample -> caller's channel */
     PXF_CHAN_GROUP groups[3]; /* caller's colour, matte and aux shapes (writing) */
+    double gamma;             /* of the caller's integer colour (writing) */
     int next_row;
     unsigned char *row;   /* one file scanline (all samples, or one plane) */
     /* Reading decodes whole strips (compressed strips cannot be entered in
@@ -369,7 +371,7 @@ static double load(const void *row, const PXF_CHAN_GROUP *g, int x) {
 
 /* Puts one caller row into sample s of the interleaved file row, converting
  * to the file's sample type when the group's differs. */
-static void put_sample(tiff_file *p, const PXF_CHAN_GROUP *g, const void *src, int s) {
+static void put_sample(tiff_file *p, const PXF_CHAN_GROUP *g, const void *src, int s, double gamma) {
     int x, n = p->samples, bits = p->bytes * 8;
     int same = p->is_float ? g->type == PXF_C_FLOAT : (g->type == PXF_C_INTEGER && g->width == bits);
     double scale = 1.0;
@@ -381,7 +383,11 @@ static void put_sample(tiff_file *p, const PXF_CHAN_GROUP *g, const void *src, i
             else if (p->bytes == 2) ((uint16_t *)p->row)[at] = ((const uint16_t *)src)[x];
             else ((uint32_t *)p->row)[at] = ((const uint32_t *)src)[x];
         } else if (p->is_float) {
-            ((float *)p->row)[at] = (float)(load(src, g, x) * scale);
+            double v = load(src, g, x) * scale;
+            /* Float TIFF files hold linear values (there is no gamma tag):
+             * encoded integer colour is decoded on the way. */
+            if (gamma != 1.0 && v > 0.0) v = pow(v, gamma);
+            ((float *)p->row)[at] = (float)v;
         } else {
             double v = load(src, g, x) * scale + 0.5, top = top_of(bits);
             v = v < 0.0 ? 0.0 : v > top ? top : v;
@@ -398,7 +404,8 @@ static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
     (void)table;
     if (p->height - 1 - line != p->next_row) return bad_scanline();
     for (k = 0; k < 3; ++k)
-        for (c = 0; c < p->groups[k].count; ++c, ++s) put_sample(p, &p->groups[k], (*rows)[s], s);
+        for (c = 0; c < p->groups[k].count; ++c, ++s)
+            put_sample(p, &p->groups[k], (*rows)[s], s, k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
     last_problem[0] = '\0';
     if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
         report(p->path, problem("write failed"));
@@ -462,6 +469,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
         else if (g->width > bits) bits = g->width > 16 ? 32 : 16;
     }
     p->is_float = any_float;
+    p->gamma = d->curve.kind == PXF_CURVE_GAMMA && d->curve.gamma > 0.0f ? d->curve.gamma : 1.0;
     p->bytes = any_float ? 4 : bits / 8;
     p->width = d->window.right - d->window.left + 1;
     p->height = d->window.top - d->window.bottom + 1;

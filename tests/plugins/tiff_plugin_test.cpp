@@ -168,9 +168,9 @@ TEST_F(TiffDriver, WritesEachCompressionForLibtiffWithExtraChannels) {
     EXPECT_NE(reports.last().find("jpeg2000"), std::string::npos);
 }
 
-TEST_F(TiffDriver, MixedGroupsAreStoredAsFloat) {
+TEST_F(TiffDriver, MixedGroupsAreStoredAsLinearFloat) {
     Pixels in;
-    in.width = 2, in.height = 1;
+    in.width = 2, in.height = 1, in.gamma = 1.0f;
     in.chan = {nullptr, 1, PXF_C_INTEGER, 8, 0};
     in.matte = {nullptr, 0, PXF_C_INTEGER, 8, 0};
     in.aux = {nullptr, 1, PXF_C_FLOAT, 32, 0};
@@ -184,6 +184,14 @@ TEST_F(TiffDriver, MixedGroupsAreStoredAsFloat) {
     EXPECT_FLOAT_EQ(float(back.values[0][1]), 0.2f);
     EXPECT_EQ(back.values[1][0], 7.5);
     EXPECT_EQ(back.values[1][1], -1);
+    EXPECT_EQ(back.gamma, 1.0f);
+
+    // Encoded integer colour is decoded: float files are linear.
+    in.gamma = 2.0f;
+    ASSERT_TRUE(write_image(path, "tiff", in));
+    ASSERT_TRUE(read_image(path, nullptr, back));
+    EXPECT_FLOAT_EQ(float(back.values[0][1]), 0.04f);
+    EXPECT_EQ(back.values[1][0], 7.5);
 }
 
 TEST_F(TiffDriver, DamagedFilesAreReportedNotFatal) {

@@ -106,8 +106,9 @@ std::vector<Text> texts_of(const PXF_INFO &info) {
                              {"machine", info.machine}, {"user", info.user},        {"date", info.date},
                              {"text_a", info.text_a},   {"text_b", info.text_b}};
     std::vector<Text> set;
+    // "unknown" is the library's filler for texts nobody gave.
     for (const Text &t : all)
-        if (t.value && *t.value) set.push_back(t);
+        if (t.value && *t.value && std::strcmp(t.value, "unknown") != 0) set.push_back(t);
     return set;
 }
 

@@ -50,6 +50,11 @@ void fail_with_report(const std::string &what, const std::string &fallback) {
 QuietReports::QuietReports() : was_(quiet) { quiet = true; }
 QuietReports::~QuietReports() { quiet = was_; }
 
+void note_that(const std::string &text) {
+    std::lock_guard<std::mutex> hold(print_lock);
+    std::fprintf(stderr, "pxf: note: %s\n", text.c_str());
+}
+
 void warn(const std::string &text) {
     std::lock_guard<std::mutex> hold(print_lock);
     std::fprintf(stderr, "pxf: warning: %s\n", text.c_str());

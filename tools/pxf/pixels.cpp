@@ -139,9 +139,12 @@ Layout fit_to_driver(const Layout &from, const PXF_TYPE &driver, std::vector<std
     for (int k = 0; k < 3; ++k) {
         int dropped = from.group[k].count - to.group[k].count;
         if (dropped > 0)
-            notes.push_back(std::string(driver.key) + " stores " + std::to_string(to.group[k].count) + " " +
-                            names[k] + " channel" + (to.group[k].count == 1 ? "" : "s") + ": " +
-                            std::to_string(dropped) + " not written");
+            notes.push_back(to.group[k].count == 0
+                                ? std::string(driver.key) + " has no place for " + names[k] + " channels: " +
+                                      std::to_string(dropped) + " left out"
+                                : std::string(driver.key) + " stores " + std::to_string(to.group[k].count) + " " +
+                                      names[k] + " channel" + (to.group[k].count == 1 ? "" : "s") + ": " +
+                                      std::to_string(dropped) + " left out");
     }
     return to;
 }

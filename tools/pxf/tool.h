@@ -33,6 +33,8 @@ std::string take_report();
 // Throws Failure("what: <library's reason>") or Failure("what: fallback").
 [[noreturn]] void fail_with_report(const std::string &what, const std::string &fallback);
 void warn(const std::string &text);
+// Information the user should see ("pxf: note: ..."), not a problem.
+void note_that(const std::string &text);
 // Drops this thread's reports while it lives (clean-up after a failure).
 class QuietReports {
 public:

@@ -45,7 +45,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     std::vector<std::string> notes;
     const Layout &from = source.layout();
     Layout to = fit_to_driver(from, *driver, notes);
-    for (const std::string &note : notes) warn(path + ": " + note);
+    for (const std::string &note : notes) note_that(path + ": " + note);
     if (to.group[kColour].count < 1) throw Failure(path + ": the image has no colour channels");
 
     PXF_IMAGE_DESC desc = source.desc();
