@@ -142,6 +142,15 @@ void lookup_bytes(uint8_t *row, std::size_t n, const uint8_t *__restrict table) 
     for (; i < n; ++i) row[i] = table[row[i]];
 }
 
+void lookup_words_to_bytes(void *row, std::size_t n, const uint8_t *table, uint32_t last) {
+    auto *bytes = static_cast<uint8_t *>(row);
+    for (std::size_t i = 0; i < n; ++i) {
+        uint16_t v;
+        std::memcpy(&v, bytes + 2 * i, sizeof v);
+        bytes[i] = table[v < last ? v : last];
+    }
+}
+
 template <class Dst>
 void quantize_row(Dst *__restrict out, const float *__restrict in, std::size_t n, float factor) {
     std::size_t i = has_avx512vbmi() ? quantize_row_wide(out, in, n, factor) : 0;

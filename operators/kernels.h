@@ -48,6 +48,11 @@ void lookup_row(float *__restrict out, const uint8_t *__restrict in, std::size_t
 // In-place 8-bit table lookup.
 void lookup_bytes(uint8_t *row, std::size_t n, const uint8_t *__restrict table);
 
+// In-place narrowing lookup: row16[i] (16-bit values) becomes the byte
+// table[min(row16[i], last)] at byte i of the same row.  Each byte lands at or
+// before the value it replaces, so the row can be converted front to back.
+void lookup_words_to_bytes(void *row, std::size_t n, const uint8_t *table, uint32_t last);
+
 // One value: trunc(v * factor) (no clipping).  Up to 16 bits the integer
 // keeps its low bits, so values outside 0..1 wrap; a product outside the int32
 // range (or a NaN) converts to INT32_MIN, as the processor's own conversion

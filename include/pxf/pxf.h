@@ -283,8 +283,6 @@ PXF_API PXF_CAP_SETTING *PXF_cap_setting_alloc(int count);
 PXF_API PXF_CAP_SETTING **PXF_cap_setting_copy(PXF_CAP_SETTING **settings);
 PXF_API int PXF_cap_setting_compare(PXF_CAP_SETTING **a, PXF_CAP_SETTING **b);
 
-/* Frees the tables of a table curve; always 1. */
-PXF_API int PXF_response_curve_done(PXF_RESPONSE_CURVE *curve);
 
 /* ---- Open, scan, seek and close ---- */
 
@@ -381,6 +379,105 @@ PXF_API int PXF_mem_is_file(const char *path, void *arg);
 PXF_API int PXF_mem_r_open(PXF_IMAGE *image);
 PXF_API int PXF_mem_w_open(PXF_IMAGE *image);
 
+/* ---- Operators ----
+ *
+ * Stages stacked on an open image: each install function returns the image
+ * (unchanged when the operator has nothing to do or cannot be installed);
+ * the image's PXF_INFO then describes what the outermost stage delivers.
+ * Remove functions return 1 when they removed their record or found none,
+ * 0 when another operator is on top (stages come off last in, first out).
+ * Closing the image removes every stage, outermost first, then closes the
+ * driver.  Row pointers handed back by a read belong to the outermost stage
+ * and are valid until the next scan.
+ */
+
+/* Operator tags (the numbers missing here belong to no operator). */
+#define PXF_OP_SELECT 1
+#define PXF_OP_GAMMA 2
+#define PXF_OP_RGB_RGB 4
+#define PXF_OP_XYZ_RGB 5
+#define PXF_OP_SAMP_RGB 6
+#define PXF_OP_RGB_Y 8
+#define PXF_OP_XYZ_Y 9
+#define PXF_OP_SAMP_Y 10
+#define PXF_OP_SCALE 11
+#define PXF_OP_SHIFT 13
+#define PXF_OP_FIELD 14
+#define PXF_OP_MINMAX 15
+#define PXF_OP_CAST 17
+#define PXF_OP_COLOR_CLIP 18
+#define PXF_OP_DISPLAY 19
+#define PXF_OP_NORMALIZE 21
+#define PXF_OP_QUANTIZE 22
+#define PXF_OP_SAMP_TO_RGB 23
+#define PXF_OP_SAMP_TO_XYZ 24
+#define PXF_OP_SSFILTER 25
+
+/* The start of every operator's record: while an operator is on top of an
+ * image's chain, the image's private data element 0 points at it. */
+typedef struct PXF_OPERATOR {
+    int32_t tag;
+    PXF_SCAN_FN saved_scan;   /* the image's scan function before installation */
+    PXF_CLOSE_FN saved_close; /* its close function */
+    void *saved_private;      /* its private data element 0 */
+} PXF_OPERATOR;
+
+/* A requested element type and width for one channel group; type 0 leaves
+ * the group as it is. */
+typedef struct PXF_CHAN_TYPE {
+    int32_t type;
+    int32_t bits;
+} PXF_CHAN_TYPE;
+
+/* Quick gamma tables: 256 entries for 8-bit input (btof, btos), R entries
+ * for input of the configured gamma-table resolution R (tob, tof).  Null
+ * when memory runs out; free them with PXF_gamma_done. */
+PXF_API float *PXF_gamma_btof(float gamma);
+PXF_API uint16_t *PXF_gamma_btos(float gamma);
+PXF_API uint8_t *PXF_gamma_tob(float gamma);
+PXF_API float *PXF_gamma_tof(float gamma);
+PXF_API int PXF_gamma_done(void *table);
+
+/* Response curves.  init builds the tables of a curve whose channels,
+ * entries, type, bits and gamma are filled in; copy is a deep copy; comp
+ * makes result = outer applied after inner.  0 on success, -1 on failure. */
+PXF_API int PXF_response_curve_init(PXF_RESPONSE_CURVE *curve);
+PXF_API int PXF_response_curve_copy(PXF_RESPONSE_CURVE *dst, const PXF_RESPONSE_CURVE *src);
+PXF_API int PXF_response_curve_comp(PXF_RESPONSE_CURVE *outer, PXF_RESPONSE_CURVE *inner,
+                                    PXF_RESPONSE_CURVE *result);
+/* Frees the tables of a table curve; always 1. */
+PXF_API int PXF_response_curve_done(PXF_RESPONSE_CURVE *curve);
+
+/* Integer channels to normalised floats (reading). */
+PXF_API PXF_IMAGE *PXF__cast(PXF_IMAGE *image);
+PXF_API int PXF__cast_done(PXF_IMAGE *image);
+
+/* 8-bit image channels from the file's curve to `requested` (reading), or
+ * from `requested` to the file's curve (writing: the caller then supplies
+ * values of the gamma-table depth in 16-bit elements, converted in place).
+ * Analytic curves get their table descriptions filled in. */
+PXF_API PXF_IMAGE *PXF__gamma(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__gamma_done(PXF_IMAGE *image);
+
+/* Float channels to integers (reading): request[0] image, [1] matte,
+ * [2] auxiliary channels.  No clipping. */
+PXF_API PXF_IMAGE *PXF__quantize(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]);
+PXF_API int PXF__quantize_done(PXF_IMAGE *image);
+
+/* Two field files name.NNNN (odd) and name.NNNN+1 (even) read as one frame of
+ * twice the height.  Returns a new image over both fields, or `image`
+ * unchanged; PXF_close on the frame (or PXF__field_done) closes both. */
+PXF_API PXF_IMAGE *PXF__field_init(PXF_IMAGE *image);
+PXF_API int PXF__field_done(PXF_IMAGE *frame);
+
+/* Holds the whole image in memory so that scanlines can be read in any
+ * order and more than once (reading). */
+PXF_API PXF_IMAGE *PXF__raster(PXF_IMAGE *image);
+PXF_API int PXF__raster_done(PXF_IMAGE *image);
+
+/* A stage that does nothing: returns `image`; its remove returns 1. */
+PXF_API PXF_IMAGE *PXF__debug(PXF_IMAGE *image);
+PXF_API int PXF__debug_done(PXF_IMAGE *image);
 /* ---- File names with frame numbers ---------------------------------- */
 
 /* Token kinds of a parsed name syntax. */

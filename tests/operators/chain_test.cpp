@@ -1,0 +1,114 @@
+// The stacking protocol: pull order, removal only from the top, closing
+// outside in, the missing-record report, and the raster stage.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+#include "operators/chain.h"
+#include "support/test_support.h"
+#include "synthetic.h"
+
+namespace {
+
+using namespace pxf::test;
+
+constexpr int W = 40, H = 4;
+
+// A stage of the tests' own: passes scans on and, when closed, logs what the
+// description says at that moment.
+struct Probe {
+    PXF_OPERATOR head;
+    char name;
+};
+
+int probe_scan(void *data, int line, void ***rows, void **table) {
+    auto *p = static_cast<Probe *>(data);
+    return p->head.saved_scan(p->head.saved_private, line, rows, table);
+}
+
+int probe_close(PXF_IMAGE *image) {
+    auto *p = static_cast<Probe *>(image->private_data[0]);
+    const PXF_CHAN_GROUP &g = image->info.images[0].chan;
+    event_log().push_back(p->name + std::string(g.type == PXF_C_FLOAT ? " float" : " int") + std::to_string(g.width));
+    pxf::ops::pop(image, &p->head);
+    delete p;
+    return PXF_close_do_it(image);
+}
+
+void probe(PXF_IMAGE *image, char name) { pxf::ops::push(image, &(new Probe{{}, name})->head, 3, probe_scan, probe_close); }
+
+TEST(Chain, ThreeStagesConvertInOrderAndCloseOutsideIn) {
+    PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 3, PXF_C_INTEGER, 8), PXF_MODE_READ);
+    PXF_RESPONSE_CURVE wanted{PXF_CURVE_GAMMA, 2.2f, nullptr, 0, 0, 0, 0, nullptr};
+    const PXF_CHAN_TYPE bytes[3] = {{PXF_C_INTEGER, 8}, {0, 0}, {0, 0}};
+    probe(image, 'A');
+    PXF__gamma(image, &wanted);
+    probe(image, 'B');
+    PXF__cast(image);
+    probe(image, 'C');
+    PXF__quantize(image, bytes);
+
+    // The driver's bytes through the gamma table, to floats and back to bytes.
+    for (int line = 0; line < H; ++line) {
+        void **rows = nullptr;
+        ASSERT_EQ(PXF_scan_read(image, line, &rows), 0);
+        for (int c = 0; c < 3; ++c)
+            for (int x = 0; x < W; ++x) {
+                double v = integer_pixel(line, x, c, 8) / 255.0;
+                ASSERT_EQ(static_cast<uint8_t *>(rows[c])[x], uint8_t(std::pow(v, double(1.0f / 2.2f)) * 255 + 0.5));
+            }
+    }
+    EXPECT_EQ(PXF__cast_done(image), 0);  // quantize is on top
+    EXPECT_EQ(PXF__gamma_done(image), 0);
+    EXPECT_EQ(top_of(image)->tag, PXF_OP_QUANTIZE);
+
+    event_log().clear();
+    EXPECT_EQ(PXF_close(image), 0);
+    // Quantize came off first (C still sees the cast's floats), then cast,
+    // then gamma, then the driver closed.
+    EXPECT_EQ(event_log(), (std::vector<std::string>{"C float32", "B int8", "A int8", "close"}));
+}
+
+TEST(Chain, MissingRecordsAndInnerFailures) {
+    PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 1, PXF_C_INTEGER, 8), PXF_MODE_READ);
+    PXF__cast(image);
+    ReportCapture capture;
+    void **rows = nullptr;
+    EXPECT_EQ(image->scan(nullptr, 0, &rows, image->private_data), -1);
+    ASSERT_EQ(capture.reports().size(), 1u);
+    EXPECT_EQ(capture.reports()[0].severity, 2);
+    EXPECT_EQ(capture.last(), "Cannot access sub image (attempted to access a locked sub image)");
+    EXPECT_EQ(PXF_scan_read(image, H + 5, &rows), -2);  // the driver's status, untouched rows
+    EXPECT_EQ(rows, nullptr);
+    PXF_close(image);
+}
+
+TEST(Raster, ServesScanlinesInAnyOrderFromOnePass) {
+    PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 2, PXF_C_INTEGER, 16, 1), PXF_MODE_READ);
+    void *driver = image->private_data[0];
+    ReportCapture capture;
+    for_each_allocation_failure([&] {
+        PXF__raster(image);
+        return image->private_data[0] != driver && PXF__raster_done(image) == 1;
+    });
+    PXF__raster(image);
+    PXF__cast(image);  // converts the raster's copy, not the raster
+    EXPECT_EQ(PXF__raster_done(image), 0);
+    scan_count() = 0;
+    for (int line : {2, 0, 3, 1, 2, 2}) {
+        void **rows = nullptr;
+        ASSERT_EQ(PXF_scan_read(image, line, &rows), 0);
+        for (int c = 0; c < 3; ++c)
+            for (int x = 0; x < W; ++x)
+                ASSERT_EQ(static_cast<float *>(rows[c])[x], float(integer_pixel(line, x, c, 16)) * float(1.0 / 65535));
+    }
+    EXPECT_EQ(scan_count(), H);
+    EXPECT_EQ(PXF__debug(image), image);
+    EXPECT_EQ(PXF__debug_done(image), 1);
+    event_log().clear();
+    PXF_close(image);
+    EXPECT_EQ(event_log(), std::vector<std::string>{"close"});
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+#include "synthetic.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace pxf::test {
+namespace {
+
+struct Synthetic {
+    PXF_IMAGE_DESC desc;  // as opened
+    void **rows;
+};
+
+int width_of(const PXF_IMAGE_DESC &d) { return d.window.right - d.window.left + 1; }
+
+// Calls f(group, channel index) for every channel.
+template <class F>
+void each_channel(const PXF_IMAGE_DESC &d, F f) {
+    int at = 0;
+    for (const PXF_CHAN_GROUP *g : {&d.chan, &d.matte, &d.aux})
+        for (int c = 0; c < g->count; ++c) f(*g, at++);
+}
+
+int read_scan(void *data, int line, void ***rows, void **) {
+    auto *s = static_cast<Synthetic *>(data);
+    ++scan_count();
+    if (line < s->desc.window.bottom || line > s->desc.window.top) return -2;
+    int w = width_of(s->desc);
+    each_channel(s->desc, [&](const PXF_CHAN_GROUP &g, int c) {
+        void *row = s->rows[c];
+        for (int x = 0; x < w; ++x) {
+            if (g.type == PXF_C_FLOAT) static_cast<float *>(row)[x] = float_pixel(line, x, c);
+            else if (g.width <= 8) static_cast<uint8_t *>(row)[x] = uint8_t(integer_pixel(line, x, c, g.width));
+            else if (g.width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g.width));
+            else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g.width);
+        }
+        if (c == 0 && g.type == PXF_C_FLOAT && !float_override().empty())
+            std::memcpy(row, float_override().data(), float_override().size() * sizeof(float));
+    });
+    *rows = s->rows;
+    return 0;
+}
+
+int write_scan(void *data, int line, void ***rows, void **) {
+    auto *s = static_cast<Synthetic *>(data);
+    std::vector<uint8_t> bytes;
+    std::size_t w = std::size_t(width_of(s->desc));
+    each_channel(s->desc, [&](const PXF_CHAN_GROUP &g, int c) {
+        auto *row = static_cast<const uint8_t *>((*rows)[c]);
+        bytes.insert(bytes.end(), row, row + w * (g.width <= 8 ? 1 : g.width <= 16 ? 2 : 4));
+    });
+    written_lines()[line] = bytes;
+    return 0;
+}
+
+int close_image(PXF_IMAGE *image) {
+    event_log().push_back("close");
+    auto *s = static_cast<Synthetic *>(image->private_data[0]);
+    pxf__chan_free(s->rows);
+    delete s;
+    image->private_data[0] = nullptr;
+    return pxf__free_obj(image) ? 0 : -1;
+}
+
+}  // namespace
+
+std::vector<std::string> &event_log() {
+    static std::vector<std::string> log;
+    return log;
+}
+
+int &scan_count() {
+    static int count = 0;
+    return count;
+}
+
+std::vector<float> &float_override() {
+    static std::vector<float> values;
+    return values;
+}
+
+std::map<int, std::vector<uint8_t>> &written_lines() {
+    static std::map<int, std::vector<uint8_t>> lines;
+    return lines;
+}
+
+PXF_IMAGE_DESC synthetic_desc(int width, int height, int channels, int type, int bits, int mattes, int aux) {
+    PXF_IMAGE_DESC d;
+    std::memset(&d, 0, sizeof d);
+    d.curve = {PXF_CURVE_GAMMA, 1.0f, nullptr, 1, 256, PXF_C_INTEGER, 12, nullptr};
+    d.window = {0, width - 1, 0, height - 1};
+    d.active_window = d.window;
+    d.chan = {nullptr, channels, type, bits, 0};
+    d.matte = {nullptr, mattes, type, bits, 0};
+    d.aux = {nullptr, aux, type, bits, 0};
+    d.index = {nullptr, 0, PXF_C_INTEGER, 16, 0};
+    return d;
+}
+
+uint32_t integer_pixel(int line, int x, int c, int bits) {
+    uint64_t v = uint64_t(line) * 977u + uint64_t(x) * 131u + uint64_t(c) * 53u;
+    return bits >= 32 ? uint32_t(v * 2654435761u) : uint32_t(v % (uint64_t{1} << bits));
+}
+
+float float_pixel(int line, int x, int c) { return float((line * 37 + x * 11 + c * 5) % 101) / 100.0f; }
+
+PXF_IMAGE *synthetic_image(const PXF_IMAGE_DESC &desc, int mode) {
+    auto *image = static_cast<PXF_IMAGE *>(std::malloc(sizeof(PXF_IMAGE)));
+    pxf__init_obj(image, mode);
+    image->info.num_images = 1;
+    image->info.images = static_cast<PXF_IMAGE_DESC *>(std::malloc(sizeof(PXF_IMAGE_DESC)));
+    image->info.images[0] = desc;
+    PXF_IMAGE_DESC shape = desc;
+    image->private_data = static_cast<void **>(std::malloc(sizeof(void *)));
+    image->private_data[0] = new Synthetic{desc, pxf__chan_alloc(&shape, width_of(desc), "synthetic")};
+    image->scan = mode == PXF_MODE_READ ? read_scan : write_scan;
+    image->close = close_image;
+    return image;
+}
+
+}  // namespace pxf::test
