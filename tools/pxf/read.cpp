@@ -1,5 +1,4 @@
 // Reading an image file through the operators the command asked for.
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,27 +13,6 @@ namespace {
 // Stacking and removing operators is not locked by the library: frames
 // converted in parallel take turns here.
 std::mutex chain_lock;
-
-// Operators are looked up at run time so that the tool still works (and
-// says what is missing) against a library built without them.
-template <class Fn>
-Fn find_operator(const char *name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, name));
-}
-
-using CastFn = PXF_IMAGE *(*)(PXF_IMAGE *);
-using GammaFn = PXF_IMAGE *(*)(PXF_IMAGE *, PXF_RESPONSE_CURVE *);
-using FieldFn = PXF_IMAGE *(*)(PXF_IMAGE *);
-// Requested (type, bits) per group: colour, matte, auxiliary; type 0 keeps.
-struct ChanType {
-    int32_t type;
-    int32_t bits;
-};
-using QuantizeFn = PXF_IMAGE *(*)(PXF_IMAGE *, const ChanType *);
-
-[[noreturn]] void not_available(const char *option, const char *what) {
-    throw Failure(std::string(option) + ": the " + what + " is not available in this build of the library");
-}
 
 // The driver that claims the file by its content, else none (the library
 // then goes by the extension).
@@ -79,9 +57,7 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
     try {
         std::lock_guard<std::mutex> hold(chain_lock);
         if (options.field) {
-            auto field = find_operator<FieldFn>("PXF__field_init");
-            if (!field) not_available("--field", "field operator");
-            PXF_IMAGE *frame = field(image_);
+            PXF_IMAGE *frame = PXF__field_init(image_);
             if (frame == image_) fail_with_report(path, "no partner field to pair with (name.NNNN fields)");
             image_ = frame;
             native = layout_of(image_->info.images[0]);
@@ -89,32 +65,24 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             for (Group &g : roomy.group) g.type = PXF_C_DOUBLE;
         }
         if (options.gamma > 0.0f) {
-            auto gamma = find_operator<GammaFn>("PXF__gamma");
-            if (!gamma) not_available("--gamma", "gamma correction operator");
             PXF_RESPONSE_CURVE wanted{};
             wanted.kind = PXF_CURVE_GAMMA;
             wanted.gamma = options.gamma;
             pxf__err = 0;
             PXF_CLOSE_FN before = image_->close;
-            image_ = gamma(image_, &wanted);
+            image_ = PXF__gamma(image_, &wanted);
             if (pxf__err < 0) fail_with_report(path, "cannot correct the gamma of this image");
             // The operator leaves the described gamma alone; the rows now
             // carry the requested one, and later stages (cast, the writer)
             // must see that.
             if (image_->close != before) image_->info.images[0].curve.gamma = options.gamma;
         }
-        if (options.to_float) {
-            auto cast = find_operator<CastFn>("PXF__cast");
-            if (!cast) not_available("--float", "cast operator");
-            image_ = cast(image_);
-        }
+        if (options.to_float) image_ = PXF__cast(image_);
         if (options.quantize > 0) {
-            auto quantize = find_operator<QuantizeFn>("PXF__quantize");
-            if (!quantize) not_available("--quantize", "quantize operator");
             // Colour and matte only: depth values lie outside 0..1 and the
             // operator does not clip.
-            const ChanType request[3] = {{PXF_C_INTEGER, options.quantize}, {PXF_C_INTEGER, options.quantize}, {0, 0}};
-            image_ = quantize(image_, request);
+            const PXF_CHAN_TYPE request[3] = {{PXF_C_INTEGER, options.quantize}, {PXF_C_INTEGER, options.quantize}, {0, 0}};
+            image_ = PXF__quantize(image_, request);
         }
     } catch (...) {
         std::lock_guard<std::mutex> hold(chain_lock);
