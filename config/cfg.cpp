@@ -22,7 +22,7 @@ constexpr const char *kFileName = ".pxfrc";
 // The install root keeps a trailing slash, so the site path has a double
 // slash behind it; that is the path we try and show.
 constexpr const char *kInstallRoot = PXF_INSTALL_ROOT "/";
-// fgets limit: at most 254 characters and the terminator.
+// Line buffer: at most 254 characters and the terminator.
 constexpr int kLineLimit = 255;
 
 struct Record {
@@ -33,6 +33,7 @@ struct Record {
 
 DST_LL lines{};
 bool initialised = false;
+bool out_of_memory = false;  // the last CFG_init failed for lack of memory
 
 void set_filename(char *path) {
     pxf::heap_free(cfg_filename);
@@ -73,11 +74,19 @@ std::FILE *open_file(bool *failed) {
 
 int read_lines(std::FILE *file) {
     char buffer[kLineLimit];
-    while (std::fgets(buffer, kLineLimit, file)) {
+    for (;;) {
+        // Read as fgets would, but count the bytes so that a NUL inside the
+        // line does not hide where it ends.
+        size_t read = 0;
+        int c = 0;
+        while (read < kLineLimit - 1 && (c = std::getc(file)) != EOF) {
+            buffer[read++] = static_cast<char>(c);
+            if (c == '\n') break;
+        }
+        if (read == 0) break;
         // The last character read goes, whatever it is: normally the newline.
-        // A NUL inside the line ends it early.
+        buffer[read - 1] = '\0';
         size_t length = std::strlen(buffer);
-        if (length > 0) buffer[--length] = '\0';
 
         auto *record = static_cast<Record *>(ERR_malloc(sizeof(Record)));
         if (!record) {
@@ -111,17 +120,19 @@ extern "C" {
 
 int CFG_init(nl_catd catalog) {
     cfg__msg_cat = catalog;
+    out_of_memory = false;
     if (initialised) {
         DST_ll_initl(&lines);
         return 0;
     }
-    bool failed = false;
-    std::FILE *file = open_file(&failed);
-    if (failed) return -1;
+    std::FILE *file = open_file(&out_of_memory);
+    if (out_of_memory) return -1;
     DST_ll_init(&lines);
     initialised = true;
     if (!file) return -1;
-    return read_lines(file);
+    if (read_lines(file) == 0) return 0;
+    out_of_memory = true;
+    return -1;
 }
 
 CFG_LINE *CFG_info(void) {
@@ -170,6 +181,8 @@ int CFG_lex(int max, char *line, char **tokens) {
 }  // extern "C"
 
 namespace pxf::cfg {
+
+bool open_lines(nl_catd catalog) noexcept { return CFG_init(catalog) == 0 || !out_of_memory; }
 
 char *save_string(const char *text) noexcept {
     size_t length = std::strlen(text) + 1;

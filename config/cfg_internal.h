@@ -40,6 +40,10 @@ inline void report_lazy_init(const char *database, const char *request) noexcept
     report(ERR_DEBUG, kMsgLazyInit, "%s, initializing database for %s request", database, request);
 }
 
+// CFG_init for a defaults reader: false only when memory ran out (a missing
+// file just leaves the built-in values).
+bool open_lines(nl_catd catalog) noexcept;
+
 // Heap copy of a string, or null after reporting 903/7.
 char *save_string(const char *text) noexcept;
 

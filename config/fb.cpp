@@ -65,7 +65,7 @@ bool numbers(const CFG_LINE *line, float *out, int count) {
 
 // False on an allocation failure (already reported).
 bool read_file(nl_catd catalog) {
-    CFG_init(catalog);
+    if (!pxf::cfg::open_lines(catalog)) return false;
     FB_ENTRY *open = nullptr;  // the block being read
     bool ok = true;
     int number = 0;

@@ -178,7 +178,7 @@ Outcome apply(const Keyword &k, const CFG_LINE *line, int number, bool *in_table
 }
 
 Outcome read_file(nl_catd catalog) {
-    CFG_init(catalog);
+    if (!pxf::cfg::open_lines(catalog)) return Outcome::NoRecord;
     bool in_table = false;
     const char *aspect_default = nullptr;  // a token of the configuration lines
     int number = 0;

@@ -20,11 +20,11 @@ namespace {
 using pxf::kSetMessages;
 using pxf::kSetNames;
 
-char **info_strings(PXF_INFO &info, char **out[11]) {
+// The info's strings from `handle` to `compression`.
+void info_strings(PXF_INFO &info, char **out[11]) {
     char **fields[] = {&info.handle, &info.name,   &info.ext,    &info.desc,   &info.program,    &info.machine,
                        &info.user,   &info.date,   &info.text_a, &info.text_b, &info.compression};
     for (int i = 0; i < 11; ++i) out[i] = fields[i];
-    return nullptr;
 }
 
 // Stores a copy of `value`, or of the catalogue default when it is null.

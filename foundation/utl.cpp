@@ -1,6 +1,7 @@
 #include <pxf/utl.h>
 
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 
 extern "C" int UTL_cnv_atof(const char *text, double *value) {
@@ -12,7 +13,8 @@ extern "C" int UTL_cnv_atof(const char *text, double *value) {
     double v = std::strtod(text, &end);
     if (end == text) return 0;
     while (std::isspace(static_cast<unsigned char>(*end))) ++end;
-    if (*end) return 0;
+    // Infinities and NaN are no numbers a configuration can mean.
+    if (*end || !std::isfinite(v)) return 0;
     *value = v;
     return 1;
 }

@@ -1,6 +1,8 @@
 // What the pathname builders need to know of the registered drivers.
 #pragma once
 
+#include <pxf/pxf.h>
+
 namespace pxf::naming {
 
 struct DriverNames {
@@ -8,7 +10,7 @@ struct DriverNames {
     const char *extension = nullptr;      // with its leading '.', or ""
     const char *name_syntax = nullptr;    // may be null or empty
     const char *format_string = nullptr;  // such as "%s.%04.4d%s"
-    void *record = nullptr;               // the registry's type record
+    PXF_TYPE *record = nullptr;            // the registry's type record
 };
 
 // The driver registered under `key`, as PXF_find sees it.

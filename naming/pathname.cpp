@@ -227,7 +227,7 @@ extern "C" {
 
 int PXF_pathname_build_from_name_syntax(const char *syntax, const char *pathname, const char *key,
                                         const char *extension, int mode, int *frame, char *out,
-                                        char *name_out, void **record_out, unsigned char flag) {
+                                        char *name_out, PXF_TYPE **record_out, unsigned char flag) {
     DriverNames driver;
     if (!key || !driver_by_key(key, &driver)) return failure(kErrNoKey);
     const char *pattern = nonempty(syntax) ? syntax : nonempty(driver.name_syntax) ? driver.name_syntax : kDefaultSyntax;
@@ -368,7 +368,7 @@ extern "C" {
 
 int PXF_pathname_build_no_name_syntax(const char *pathname, const char *key, int mode, unsigned char flag,
                                       int *frame, char *out, char *name_out, const char **key_out,
-                                      void **record_out) {
+                                      PXF_TYPE **record_out) {
     (void)flag;
     if (!out || !nonempty(pathname)) return 0;
     std::size_t length = std::strlen(pathname);
@@ -422,7 +422,7 @@ int PXF_pathname_build_no_name_syntax(const char *pathname, const char *key, int
 
 int PXF_pathname_build(const char *syntax, const char *pathname, const char *key, const char *extension, int mode,
                        unsigned char flag, int *frame, char *out, char *name_out, const char **key_out,
-                       void **record_out) {
+                       PXF_TYPE **record_out) {
     if (!syntax)
         return PXF_pathname_build_no_name_syntax(pathname, key, mode, flag, frame, out, name_out, key_out,
                                                  record_out);

@@ -531,15 +531,15 @@ PXF_API const char *PXF_name_syntax_name(void);
  * set. */
 PXF_API int PXF_pathname_build(const char *syntax, const char *pathname, const char *key,
                                const char *extension, int mode, unsigned char flag, int *frame,
-                               char *out, char *name_out, const char **key_out, void **record_out);
+                               char *out, char *name_out, const char **key_out, PXF_TYPE **record_out);
 PXF_API int PXF_pathname_build_from_name_syntax(const char *syntax, const char *pathname,
                                                 const char *key, const char *extension, int mode,
                                                 int *frame, char *out, char *name_out,
-                                                void **record_out, unsigned char flag);
+                                                PXF_TYPE **record_out, unsigned char flag);
 PXF_API int PXF_pathname_build_no_name_syntax(const char *pathname, const char *key, int mode,
                                               unsigned char flag, int *frame, char *out,
                                               char *name_out, const char **key_out,
-                                              void **record_out);
+                                              PXF_TYPE **record_out);
 
 PXF_END_DECLS
 

@@ -8,8 +8,8 @@
 
 PXF_BEGIN_DECLS
 
-/* Converts the whole of `text` (surrounding blanks allowed) to a number in
- * *value.  Returns 1 when it converted, 0 otherwise (*value is then 0). */
+/* Converts the whole of `text` (surrounding blanks allowed) to a finite
+ * number in *value.  Returns 1 when it converted, 0 otherwise (*value is then 0). */
 PXF_API int UTL_cnv_atof(const char *text, double *value);
 
 PXF_END_DECLS

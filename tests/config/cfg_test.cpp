@@ -46,11 +46,8 @@ TEST(ConfigLexer, WordsAndQuotes) {
     EXPECT_EQ(lex("it's \"a\\\" b"), (std::vector<std::string>{"it's", "a\\", "b"}));
     // An unterminated quote takes the rest of the line.
     EXPECT_EQ(lex("name \"rest of  line"), (std::vector<std::string>{"name", "rest of  line"}));
-    EXPECT_EQ(lex("   "), (std::vector<std::string>{}));
     EXPECT_EQ(lex("\"\""), (std::vector<std::string>{""}));
-}
-
-TEST(ConfigLexer, StoresAtMostMaxPlusOneTokens) {
+    // At most max + 1 tokens.
     EXPECT_EQ(lex("a b c d e f", 2), (std::vector<std::string>{"a", "b", "c"}));
     EXPECT_EQ(lex("a b", -1), (std::vector<std::string>{}));
 }
@@ -131,21 +128,6 @@ TEST(ConfigFile, OutOfMemoryDiscardsEverything) {
             EXPECT_EQ(CFG_info(), nullptr);
             reports.clear();
         });
-}
-
-TEST(ConfigFile, HostileBytesAndSizes) {
-    std::string garbage;
-    for (int i = 0; i < 5000; ++i) garbage += static_cast<char>((i * 7919) % 256);
-    garbage += std::string("\0\0key\0value\n", 12);
-    for (int i = 0; i < 100000; ++i) garbage += "line " + std::to_string(i) + "\n";
-    ConfigHome home(garbage);
-    ASSERT_EQ(CFG_init(nullptr), 0);
-    size_t count = 0;
-    while (CFG_LINE *line = CFG_info()) {
-        ASSERT_LE(line->count, CFG_MAX_TOKENS - 1);
-        ++count;
-    }
-    EXPECT_GT(count, 100000u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include <pxf/cfg.h>
+#include <pxf/clr.h>
 #include <pxf/fmt.h>
 
 namespace pxf::test {
@@ -17,7 +18,14 @@ ConfigHome::ConfigHome(const std::string &contents) : ConfigHome() { write(conte
 ConfigHome::~ConfigHome() {
     FMT_exit();
     FB_exit();
+    CLR_exit();
     CFG_exit();
+}
+
+std::vector<std::string> ConfigHome::texts(const ReportCapture &reports) {
+    std::vector<std::string> out;
+    for (const auto &r : reports.reports()) out.push_back(r.text);
+    return out;
 }
 
 void ConfigHome::write(const std::string &contents) const { write_file(path(), contents); }

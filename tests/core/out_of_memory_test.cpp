@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include <pxf/clr.h>
 #include <pxf/fmt.h>
 #include <pxf/pxf.h>
 
@@ -107,10 +108,11 @@ TEST_F(OutOfMemory, PluginWriteAndReadOpens) {
 }
 
 TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
-    // The format defaults are read first, so that only the registry's own
-    // allocations are counted; PXF_init then finds them ready.
+    // The format and colour defaults are read first, so that only the
+    // registry's own allocations are counted; PXF_init then finds them ready.
     for (int n = 1; n < 1000; ++n) {
         ASSERT_EQ(FMT_init(nullptr), 0);
+        ASSERT_EQ(CLR_init(nullptr), 0);
         pxf::fault::arm(n);
         int result = pxf::test::init_with_plugins({"raw_plugin", "ppm_plugin"});
         bool fired = pxf::fault::fired();
@@ -125,7 +127,8 @@ TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
         EXPECT_EQ(result, -1) << n;
         EXPECT_EQ(pxf__err, PXF_E_NO_MEMORY) << n;
         EXPECT_EQ(pxf__num_pxf_types_dso, 0);
-        FMT_exit();  // PXF_exit has run already; this one is harmless
+        FMT_exit();  // PXF_exit has run already; these are harmless
+        CLR_exit();
     }
     ADD_FAILURE() << "allocation-failure loop did not end";
 }

@@ -235,3 +235,17 @@ TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(RegistryCatalogue, CatalogueRenamesPluginSymbols) {
+    nl_catd renamed = catopen(RENAMED_CATALOG, 0);
+    ASSERT_NE(renamed, reinterpret_cast<nl_catd>(-1));
+    ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin"}, renamed), 0);
+    EXPECT_STREQ(pxf__type_list_dso[0].name, "raw 8-bit pixels");  // read from "imageDescription"
+    PXF_exit();
+    catclose(renamed);
+    pxf__msg_cat = nullptr;
+}
+
+}  // namespace

@@ -92,6 +92,17 @@ TEST_F(Seek, TopDownFileMirrorsIt) {
     PXF_close(in);
 }
 
+TEST_F(Seek, LineBeforeTheWindowCannotBeReached) {
+    PXF_IMAGE *in = write_then_open("raw", 3, false);
+    ASSERT_NE(in, nullptr);
+    pxf::test::StderrCapture err;
+    PXF_seek(&in, -5);
+    EXPECT_EQ(err.finish(), "PXF_seek: did not advance image pointer correctly\n");
+    ASSERT_NE(in, nullptr);
+    expect_line(in, 0);
+    PXF_close(in);
+}
+
 TEST_F(Seek, FailedReopenLeavesNoHandle) {
     PXF_IMAGE *in = write_then_open("raw", 3, false);
     ASSERT_NE(in, nullptr);
