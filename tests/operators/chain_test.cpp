@@ -30,7 +30,7 @@ int probe_scan(void *data, int line, void ***rows, void **table) {
 int probe_close(PXF_IMAGE *image) {
     auto *p = static_cast<Probe *>(image->private_data[0]);
     const PXF_CHAN_GROUP &g = image->info.images[0].chan;
-    event_log().push_back(p->name + std::string(g.type == PXF_C_FLOAT ? " float" : " int") + std::to_string(g.width));
+    event_log.push_back(p->name + std::string(g.type == PXF_C_FLOAT ? " float" : " int") + std::to_string(g.width));
     pxf::ops::pop(image, &p->head);
     delete p;
     return PXF_close_do_it(image);
@@ -63,11 +63,11 @@ TEST(Chain, ThreeStagesConvertInOrderAndCloseOutsideIn) {
     EXPECT_EQ(PXF__gamma_done(image), 0);
     EXPECT_EQ(top_of(image)->tag, PXF_OP_QUANTIZE);
 
-    event_log().clear();
+    event_log.clear();
     EXPECT_EQ(PXF_close(image), 0);
     // Quantize came off first (C still sees the cast's floats), then cast,
     // then gamma, then the driver closed.
-    EXPECT_EQ(event_log(), (std::vector<std::string>{"C float32", "B int8", "A int8", "close"}));
+    EXPECT_EQ(event_log, (std::vector<std::string>{"C float32", "B int8", "A int8", "close"}));
 }
 
 TEST(Chain, MissingRecordsAndInnerFailures) {
@@ -95,7 +95,7 @@ TEST(Raster, ServesScanlinesInAnyOrderFromOnePass) {
     PXF__raster(image);
     PXF__cast(image);  // converts the raster's copy, not the raster
     EXPECT_EQ(PXF__raster_done(image), 0);
-    scan_count() = 0;
+    scan_count = 0;
     for (int line : {2, 0, 3, 1, 2, 2}) {
         void **rows = nullptr;
         ASSERT_EQ(PXF_scan_read(image, line, &rows), 0);
@@ -103,12 +103,12 @@ TEST(Raster, ServesScanlinesInAnyOrderFromOnePass) {
             for (int x = 0; x < W; ++x)
                 ASSERT_EQ(static_cast<float *>(rows[c])[x], float(integer_pixel(line, x, c, 16)) * float(1.0 / 65535));
     }
-    EXPECT_EQ(scan_count(), H);
+    EXPECT_EQ(scan_count, H);
     EXPECT_EQ(PXF__debug(image), image);
     EXPECT_EQ(PXF__debug_done(image), 1);
-    event_log().clear();
+    event_log.clear();
     PXF_close(image);
-    EXPECT_EQ(event_log(), std::vector<std::string>{"close"});
+    EXPECT_EQ(event_log, std::vector<std::string>{"close"});
 }
 
 }  // namespace

@@ -89,9 +89,9 @@ TEST(Cast, FloatImagesGetNothingAndIntegerMattesKeepTheScanFunction) {
     EXPECT_EQ(top_of(floats)->tag, PXF_OP_CAST);
     EXPECT_EQ(floats->scan, scan);
     EXPECT_EQ(floats->info.images[0].matte.type, PXF_C_FLOAT);
-    event_log().clear();
+    event_log.clear();
     EXPECT_EQ(PXF_close(floats), 0);
-    EXPECT_EQ(event_log(), std::vector<std::string>{"close"});
+    EXPECT_EQ(event_log, std::vector<std::string>{"close"});
 }
 
 TEST(Cast, RefusalsAndOutOfMemoryLeaveNoTrace) {
@@ -112,7 +112,7 @@ TEST(Cast, RefusalsAndOutOfMemoryLeaveNoTrace) {
 // Quantizes the given values of channel 0 to `bits`.
 template <class T>
 std::vector<T> quantize(std::vector<float> values, int bits) {
-    float_override() = values;
+    float_override = values;
     PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 1, PXF_C_FLOAT, 32), PXF_MODE_READ);
     const PXF_CHAN_TYPE request[3] = {{PXF_C_INTEGER, bits}, {0, 0}, {0, 0}};
     PXF__quantize(image, request);
@@ -121,7 +121,7 @@ std::vector<T> quantize(std::vector<float> values, int bits) {
     EXPECT_EQ(PXF_scan_read(image, 0, &rows), 0);
     std::vector<T> out(static_cast<T *>(rows[0]), static_cast<T *>(rows[0]) + values.size());
     PXF_close(image);
-    float_override().clear();
+    float_override.clear();
     return out;
 }
 

@@ -133,3 +133,33 @@ TEST_F(FieldPair, OutOfMemoryReturnsTheGivenFieldUsable) {
 }
 
 }  // namespace
+
+namespace {
+
+// The same pair as real field files on disk, once the RLA driver is built in.
+TEST(FieldFiles, RlaShotPairReadsAsOneFrame) {
+    if (!PXF_find("rla")) GTEST_SKIP() << "no rla driver in this build";
+    TempDir dir;
+    auto adjust = [](PXF_INFO &info) { info.key = const_cast<char *>("rla"); };
+    for (int n : {7, 8}) {
+        PXF_IMAGE_DESC d = mem_desc(W, H, 3);
+        PXF_IMAGE *w = open_mem(dir.file("shot.000" + std::to_string(n) + ".rla"), &d,
+                                [n](int l, int x, int) { return field_value(n, l, x); }, adjust);
+        ASSERT_NE(w, nullptr);
+        ASSERT_EQ(PXF_close(w), 0);
+    }
+    PXF_INFO info;
+    PXF_info_init(&info);
+    std::string given = dir.file("shot.0007.rla");
+    info.key = const_cast<char *>("rla");
+    info.handle = const_cast<char *>(given.c_str());
+    PXF_IMAGE *field = PXF_open(&info, "r");
+    ASSERT_NE(field, nullptr);
+    PXF_IMAGE *frame = PXF__field_init(field);
+    ASSERT_NE(frame, field);
+    expect_interlaced(frame);
+    EXPECT_EQ(PXF_close(frame), 0);
+    PXF_exit();
+}
+
+}  // namespace

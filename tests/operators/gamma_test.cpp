@@ -64,7 +64,7 @@ TEST(GammaOperator, WritingNarrowsTheCallersDeepValuesInPlace) {
     for (int c = 0; c < 2; ++c)
         for (int x = 2; x <= 9; ++x) static_cast<uint16_t *>(rows[c])[x] = value(x, c);
     ASSERT_EQ(PXF_scan_write(image, 1, &rows), 0);
-    const std::vector<uint8_t> &bytes = written_lines().at(1);
+    const std::vector<uint8_t> &bytes = written_lines.at(1);
     ASSERT_EQ(bytes.size(), std::size_t(2 * width));
     for (int c = 0; c < 2; ++c)
         for (int x = 0; x < width; ++x)

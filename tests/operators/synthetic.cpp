@@ -23,7 +23,7 @@ void each_channel(const PXF_IMAGE_DESC &d, F f) {
 
 int read_scan(void *data, int line, void ***rows, void **) {
     auto *s = static_cast<Synthetic *>(data);
-    ++scan_count();
+    ++scan_count;
     if (line < s->desc.window.bottom || line > s->desc.window.top) return -2;
     int w = width_of(s->desc);
     each_channel(s->desc, [&](const PXF_CHAN_GROUP &g, int c) {
@@ -34,8 +34,8 @@ int read_scan(void *data, int line, void ***rows, void **) {
             else if (g.width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g.width));
             else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g.width);
         }
-        if (c == 0 && g.type == PXF_C_FLOAT && !float_override().empty())
-            std::memcpy(row, float_override().data(), float_override().size() * sizeof(float));
+        if (c == 0 && g.type == PXF_C_FLOAT && !float_override.empty())
+            std::memcpy(row, float_override.data(), float_override.size() * sizeof(float));
     });
     *rows = s->rows;
     return 0;
@@ -49,12 +49,12 @@ int write_scan(void *data, int line, void ***rows, void **) {
         auto *row = static_cast<const uint8_t *>((*rows)[c]);
         bytes.insert(bytes.end(), row, row + w * (g.width <= 8 ? 1 : g.width <= 16 ? 2 : 4));
     });
-    written_lines()[line] = bytes;
+    written_lines[line] = bytes;
     return 0;
 }
 
 int close_image(PXF_IMAGE *image) {
-    event_log().push_back("close");
+    event_log.push_back("close");
     auto *s = static_cast<Synthetic *>(image->private_data[0]);
     pxf__chan_free(s->rows);
     delete s;
@@ -63,26 +63,6 @@ int close_image(PXF_IMAGE *image) {
 }
 
 }  // namespace
-
-std::vector<std::string> &event_log() {
-    static std::vector<std::string> log;
-    return log;
-}
-
-int &scan_count() {
-    static int count = 0;
-    return count;
-}
-
-std::vector<float> &float_override() {
-    static std::vector<float> values;
-    return values;
-}
-
-std::map<int, std::vector<uint8_t>> &written_lines() {
-    static std::map<int, std::vector<uint8_t>> lines;
-    return lines;
-}
 
 PXF_IMAGE_DESC synthetic_desc(int width, int height, int channels, int type, int bits, int mattes, int aux) {
     PXF_IMAGE_DESC d;

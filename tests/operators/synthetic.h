@@ -13,14 +13,14 @@
 namespace pxf::test {
 
 // "close" when a synthetic image closes, and what tests add.
-std::vector<std::string> &event_log();
+inline std::vector<std::string> event_log;
 // Scanlines read from synthetic images.
-int &scan_count();
+inline int scan_count = 0;
 // When set, the first values of the first channel of float images.
-std::vector<float> &float_override();
+inline std::vector<float> float_override;
 // What reached synthetic write images, by scanline: every channel row as
 // the description at open time lays it out.
-std::map<int, std::vector<uint8_t>> &written_lines();
+inline std::map<int, std::vector<uint8_t>> written_lines;
 
 // Window 0..width-1 x 0..height-1, top down, gamma 1, every group alike.
 PXF_IMAGE_DESC synthetic_desc(int width, int height, int channels, int type, int bits, int mattes = 0, int aux = 0);
