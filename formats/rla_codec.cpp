@@ -134,6 +134,7 @@ uint8_t *encode_plane(const uint8_t *p, size_t n, uint8_t *out) {
 // packets that follow.  Where the processor has AVX2, a move is one vector store.
 constexpr size_t kChunk = 32;
 constexpr size_t round_up_chunk(size_t n) { return (n + kChunk - 1) & ~(kChunk - 1); }
+static_assert(kMaxPacket == 4 * kChunk);
 
 struct PlainMoves {
     static void copy(uint8_t *o, const uint8_t *in) { std::memcpy(o, in, kChunk); }
@@ -159,9 +160,9 @@ template <class Moves>
             const uint8_t v = *in++;
             if (k == kMaxPacket) {
                 Moves::fill(o, v);
-                Moves::fill(o + 32, v);
-                Moves::fill(o + 64, v);
-                Moves::fill(o + 96, v);
+                Moves::fill(o + kChunk, v);
+                Moves::fill(o + 2 * kChunk, v);
+                Moves::fill(o + 3 * kChunk, v);
                 o += kMaxPacket;
                 rem -= kMaxPacket;
                 continue;
@@ -178,9 +179,9 @@ template <class Moves>
             if (k > rem || k > avail) return nullptr;
             if (k == kMaxPacket) {
                 Moves::copy(o, in);
-                Moves::copy(o + 32, in + 32);
-                Moves::copy(o + 64, in + 64);
-                Moves::copy(o + 96, in + 96);
+                Moves::copy(o + kChunk, in + kChunk);
+                Moves::copy(o + 2 * kChunk, in + 2 * kChunk);
+                Moves::copy(o + 3 * kChunk, in + 3 * kChunk);
                 in += kMaxPacket;
                 o += kMaxPacket;
                 rem -= kMaxPacket;

@@ -404,7 +404,9 @@ int read_open_stream(PXF_IMAGE *image, std::FILE *stream, const char *path) noex
     if (!(f->path = pxf::dup_string(path)) || !measure(*f)) return abandon(image, f);
     int count = count_images(*f);
     if (!count) return abandon(image, f);
-    if (!(f->block = static_cast<unsigned char *>(pxf::alloc(kMaxBlock + 1)))) return abandon(image, f);
+    // No block is longer than its 16-bit length, nor than the file.
+    std::size_t block = f->size < kMaxBlock ? std::size_t(f->size) : kMaxBlock;
+    if (!(f->block = static_cast<unsigned char *>(pxf::alloc(block + 1)))) return abandon(image, f);
 
     PXF_INFO &info = image->info;
     auto **table = static_cast<void **>(pxf::alloc(std::size_t(count) * sizeof(void *)));
