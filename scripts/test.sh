@@ -4,7 +4,8 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-scripts/deps.sh build-essential cmake ninja-build libgtest-dev libbenchmark-dev libc-bin binutils
+scripts/deps.sh build-essential cmake ninja-build libgtest-dev libbenchmark-dev libc-bin binutils \
+  libpng-dev libtiff-dev pngcheck libtiff-tools pkg-config
 
 jobs=$(nproc)
 run_suite() {

@@ -1,0 +1,549 @@
+/*
+ * TIFF image driver on libtiff: grey or RGB with 8, 16 or 32-bit unsigned
+ * integer or 32-bit float samples, stored in strips, interleaved or in
+ * planes.  Extra samples marked as alpha are the matte channels, the other
+ * extra samples the auxiliary channels.  Written files are interleaved,
+ * uncompressed or LZW, Deflate or PackBits compressed.
+ */
+#define _POSIX_C_SOURCE 200809L
+#include <errno.h>
+#include <math.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <tiffio.h>
+#include <time.h>
+
+#include <pxf/err.h>
+#include <pxf/plugin.h>
+
+const char *version = PXF_PLUGIN_PROTOCOL;
+const char *imageKey = "tiff";
+const char *imageExtension = ".tif";
+const char *imageName = "Tagged Image File Format";
+const char *imageDescription = "grey/RGB + extra channels; 8/16/32-bit integer, 32-bit float; none, LZW, Deflate, PackBits";
+int imageOrientation = 0; /* scanlines top down */
+int imageAccess = PXF_ACCESS_READ | PXF_ACCESS_WRITE;
+int imageNumberOfChannels = 3;
+int imageBitsPerChannel = 32;
+int imageNumberOfMattes = 4;
+int imageBitsPerMatte = 32;
+int imageNumberOfZChannels = 16;
+int imageBitsPerZChannel = 32;
+
+#define MAX_SAMPLES 64
+
+typedef struct {
+    TIFF *tif;
+    char *path;
+    int writing;
+    int width, height;
+    int samples;          /* samples per pixel in the file */
+    int bytes;            /* bytes per sample: 1, 2 or 4 */
+    int is_float;         /* the file's samples are IEEE floats */
+    int planar;           /* samples stored in separate planes */
+    int order[MAX_SAMPLES]; /* file sample -> caller's channel */
+    PXF_CHAN_GROUP groups[3]; /* caller's colour, matte and aux shapes (writing) */
+    double gamma;             /* of the caller's integer colour (writing) */
+    int next_row;
+    unsigned char *row;   /* one file scanline (all samples, or one plane) */
+    /* Reading decodes whole strips (compressed strips cannot be entered in
+     * the middle), one cached strip per plane. */
+    unsigned char *strips;
+    tmsize_t strip_bytes, line_bytes;
+    uint32_t rows_per_strip;
+    uint32_t cached[MAX_SAMPLES]; /* strip held per plane, or UINT32_MAX */
+} tiff_file;
+
+/* libtiff's complaints go to one handler for the whole process; each thread
+ * keeps the first one of its current request. */
+static __thread char last_problem[200];
+
+static void tiff_complaint(const char *module, const char *format, va_list args) {
+    (void)module;
+    if (last_problem[0]) return;
+    vsnprintf(last_problem, sizeof last_problem, format, args);
+}
+
+static void tiff_quiet(const char *module, const char *format, va_list args) {
+    (void)module;
+    (void)format;
+    (void)args; /* unknown tags and the like: not worth a report */
+}
+
+int imageInit(void) {
+    TIFFSetErrorHandler(tiff_complaint);
+    TIFFSetWarningHandler(tiff_quiet);
+    return 1;
+}
+
+static int report(const char *path, const char *what) {
+    ERR_printf(ERR_ERROR, "%s: %s", path, what);
+    return 0;
+}
+
+static const char *problem(const char *fallback) { return last_problem[0] ? last_problem : fallback; }
+
+int imageIsFile(const char *path, void *stream) {
+    unsigned char head[4];
+    FILE *f = stream ? (FILE *)stream : fopen(path, "rb");
+    int yes;
+    if (!f) return 0;
+    if (stream) rewind(f);
+    yes = fread(head, 1, 4, f) == 4 &&
+          ((head[0] == 'I' && head[1] == 'I' && (head[2] == 42 || head[2] == 43) && head[3] == 0) ||
+           (head[0] == 'M' && head[1] == 'M' && head[2] == 0 && (head[3] == 42 || head[3] == 43)));
+    if (!stream) fclose(f);
+    return yes;
+}
+
+static void release(tiff_file *p) {
+    if (p->tif) TIFFClose(p->tif);
+    free(p->row);
+    free(p->strips);
+    free(p->path);
+    p->tif = NULL;
+    p->row = NULL;
+    p->strips = NULL;
+    p->path = NULL;
+}
+
+static int open_failed(tiff_file *p, const char *what) {
+    report(p->path, what);
+    release(p);
+    return 0;
+}
+
+static int tiff_close(PXF_IMAGE *image);
+
+static tiff_file *attach(PXF_IMAGE *image, const char *path) {
+    tiff_file *p = (tiff_file *)calloc(1, sizeof *p);
+    void **table = (void **)malloc(sizeof *table);
+    if (!p || !table || !(p->path = strdup(path))) {
+        if (p) free(p->path);
+        free(p);
+        free(table);
+        pxf__err = PXF_E_NO_MEMORY;
+        report(path, "out of memory");
+        return NULL;
+    }
+    table[0] = p;
+    image->private_data = table;
+    image->close = tiff_close;
+    return p;
+}
+
+static int bad_scanline(void) {
+    pxf__err = PXF_E_BAD_SCANLINE;
+    return PXF_E_BAD_SCANLINE;
+}
+
+static const char *compression_name(int code) {
+    switch (code) {
+    case COMPRESSION_NONE: return "none";
+    case COMPRESSION_LZW: return "LZW";
+    case COMPRESSION_ADOBE_DEFLATE:
+    case COMPRESSION_DEFLATE: return "Deflate";
+    case COMPRESSION_PACKBITS: return "PackBits";
+    case COMPRESSION_JPEG: return "JPEG";
+    case COMPRESSION_CCITTFAX4: return "CCITT group 4";
+    default: return NULL;
+    }
+}
+
+/* ---- Reading ---- */
+
+static void copy_sample(const tiff_file *p, const unsigned char *src, int stride, void *dst) {
+    int x;
+    if (p->bytes == 1)
+        for (x = 0; x < p->width; ++x) ((uint8_t *)dst)[x] = src[(size_t)x * stride];
+    else if (p->bytes == 2)
+        for (x = 0; x < p->width; ++x) ((uint16_t *)dst)[x] = ((const uint16_t *)src)[(size_t)x * stride];
+    else
+        for (x = 0; x < p->width; ++x) ((uint32_t *)dst)[x] = ((const uint32_t *)src)[(size_t)x * stride];
+}
+
+/* The file scanline `row` of plane `plane`, from the strip cache. */
+static const unsigned char *plane_row(tiff_file *p, int row, int plane) {
+    uint32_t strip = TIFFComputeStrip(p->tif, (uint32_t)row, (uint16_t)plane);
+    uint32_t first = (uint32_t)row - (uint32_t)row % p->rows_per_strip;
+    uint32_t lines = (uint32_t)p->height - first < p->rows_per_strip ? (uint32_t)p->height - first : p->rows_per_strip;
+    unsigned char *buffer = p->strips + (size_t)plane * (size_t)p->strip_bytes;
+    if (p->cached[plane] != strip) {
+        p->cached[plane] = UINT32_MAX;
+        /* A short strip is damage, not zeros. */
+        if (TIFFReadEncodedStrip(p->tif, strip, buffer, p->strip_bytes) < (tmsize_t)lines * p->line_bytes) return NULL;
+        p->cached[plane] = strip;
+    }
+    return buffer + (size_t)((uint32_t)row - first) * (size_t)p->line_bytes;
+}
+
+static int tiff_read_scan(void *data, int line, void ***rows, void **table) {
+    tiff_file *p = (tiff_file *)data;
+    int row = p->height - 1 - line, plane, s;
+    (void)table;
+    if (row < 0 || row >= p->height) return bad_scanline();
+    last_problem[0] = '\0';
+    for (plane = 0; plane < (p->planar ? p->samples : 1); ++plane) {
+        const unsigned char *src = plane_row(p, row, plane);
+        if (!src) {
+            report(p->path, problem("damaged TIFF data"));
+            return bad_scanline();
+        }
+        if (p->planar)
+            copy_sample(p, src, 1, (*rows)[p->order[plane]]);
+        else
+            for (s = 0; s < p->samples; ++s) copy_sample(p, src + (size_t)s * p->bytes, p->samples, (*rows)[p->order[s]]);
+    }
+    return 0;
+}
+
+static void set_group(PXF_CHAN_GROUP *g, const char *format, int count, int type, int width) {
+    g->format = format && count ? strdup(format) : NULL;
+    g->count = count;
+    g->type = type;
+    g->width = width;
+}
+
+static void take_text(char **field, TIFF *tif, uint32_t tag) {
+    char *text = NULL, *copy;
+    if (!TIFFGetField(tif, tag, &text) || !text || !text[0]) return;
+    copy = strdup(text);
+    if (!copy) return;
+    free(*field);
+    *field = copy;
+}
+
+int imageReadOpen(PXF_IMAGE *image) {
+    const char *path = image->info.handle;
+    uint32_t width = 0, height = 0;
+    uint16_t spp = 1, bps = 1, format = SAMPLEFORMAT_UINT, photometric = PHOTOMETRIC_MINISBLACK;
+    uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE, extra_count = 0, *extra = NULL;
+    int colours, mattes = 0, auxes = 0, s, next_matte, next_aux, type;
+    float *values;
+    PXF_IMAGE_DESC *d;
+    tiff_file *p;
+    char text[120];
+    if (!path) return report("tiff", "no file name");
+    p = attach(image, path);
+    if (!p) return 0;
+    d = (PXF_IMAGE_DESC *)calloc(1, sizeof *d);
+    if (!d) return open_failed(p, "out of memory");
+    image->info.images = d;
+    image->info.num_images = 1;
+
+    last_problem[0] = '\0';
+    if (!imageIsFile(path, NULL)) {
+        FILE *f = fopen(path, "rb");
+        if (!f) return open_failed(p, strerror(errno));
+        fclose(f);
+        return open_failed(p, "not a TIFF file");
+    }
+    p->tif = TIFFOpen(path, "r");
+    if (!p->tif) return open_failed(p, problem("damaged TIFF header"));
+    if (TIFFIsTiled(p->tif)) return open_failed(p, "tiled TIFF files are not supported");
+    TIFFGetField(p->tif, TIFFTAG_IMAGEWIDTH, &width);
+    TIFFGetField(p->tif, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetFieldDefaulted(p->tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
+    TIFFGetFieldDefaulted(p->tif, TIFFTAG_BITSPERSAMPLE, &bps);
+    TIFFGetFieldDefaulted(p->tif, TIFFTAG_SAMPLEFORMAT, &format);
+    TIFFGetFieldDefaulted(p->tif, TIFFTAG_PLANARCONFIG, &planar);
+    TIFFGetFieldDefaulted(p->tif, TIFFTAG_COMPRESSION, &compression);
+    TIFFGetFieldDefaulted(p->tif, TIFFTAG_EXTRASAMPLES, &extra_count, &extra);
+    if (!TIFFGetField(p->tif, TIFFTAG_PHOTOMETRIC, &photometric))
+        photometric = spp - extra_count >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+
+    if (width < 1 || height < 1 || width > 0x7fffffffu / 8 || height > 0x7fffffffu)
+        return open_failed(p, "bad image size");
+    if (photometric != PHOTOMETRIC_RGB && photometric != PHOTOMETRIC_MINISBLACK) {
+        snprintf(text, sizeof text, "photometric interpretation %u is not supported (grey and RGB are)", photometric);
+        return open_failed(p, text);
+    }
+    if (format == SAMPLEFORMAT_IEEEFP && bps == 32) {
+        type = PXF_C_FLOAT;
+    } else if ((format == SAMPLEFORMAT_UINT || format == SAMPLEFORMAT_VOID) && (bps == 8 || bps == 16 || bps == 32)) {
+        type = PXF_C_INTEGER;
+    } else {
+        snprintf(text, sizeof text, "%u-bit %s samples are not supported", bps,
+                 format == SAMPLEFORMAT_IEEEFP ? "float" : format == SAMPLEFORMAT_INT ? "signed" : "integer");
+        return open_failed(p, text);
+    }
+    colours = photometric == PHOTOMETRIC_RGB ? 3 : 1;
+    if (spp > MAX_SAMPLES || extra_count > spp || spp - extra_count != colours)
+        return open_failed(p, "inconsistent samples per pixel");
+
+    p->width = (int)width;
+    p->height = (int)height;
+    p->samples = spp;
+    p->bytes = bps / 8;
+    p->is_float = type == PXF_C_FLOAT;
+    p->planar = planar == PLANARCONFIG_SEPARATE && spp > 1;
+    for (s = 0; s < extra_count; ++s) {
+        if (extra[s] == EXTRASAMPLE_ASSOCALPHA || extra[s] == EXTRASAMPLE_UNASSALPHA) ++mattes;
+        else ++auxes;
+    }
+    /* The caller's rows come in group order: colour, matte, auxiliary. */
+    next_matte = colours;
+    next_aux = colours + mattes;
+    for (s = 0; s < spp; ++s) {
+        if (s < colours) p->order[s] = s;
+        else if (extra[s - colours] == EXTRASAMPLE_ASSOCALPHA || extra[s - colours] == EXTRASAMPLE_UNASSALPHA)
+            p->order[s] = next_matte++;
+        else
+            p->order[s] = next_aux++;
+    }
+    {
+        uint32_t rps = 0;
+        TIFFGetFieldDefaulted(p->tif, TIFFTAG_ROWSPERSTRIP, &rps);
+        p->rows_per_strip = rps < 1 || rps > height ? height : rps;
+        p->line_bytes = TIFFScanlineSize(p->tif);
+        p->strip_bytes = p->line_bytes * (tmsize_t)p->rows_per_strip;
+        if (p->line_bytes < (tmsize_t)p->width * (p->planar ? 1 : spp) * p->bytes)
+            return open_failed(p, "inconsistent scanline size");
+        for (s = 0; s < MAX_SAMPLES; ++s) p->cached[s] = UINT32_MAX;
+        p->strips = (unsigned char *)malloc((size_t)p->strip_bytes * (size_t)(p->planar ? spp : 1) + 16);
+        if (!p->strips) return open_failed(p, "out of memory");
+    }
+
+    d->image_kind = 1;
+    d->curve.kind = PXF_CURVE_GAMMA;
+    d->curve.gamma = type == PXF_C_FLOAT ? 1.0f : 2.2f; /* TIFF has no gamma tag */
+    d->window.right = p->width - 1;
+    d->window.top = p->height - 1;
+    d->active_window = d->window;
+    d->x_res = p->width;
+    d->y_res = p->height;
+    d->aspect_ratio = (float)p->width / (float)p->height;
+    d->step = 1;
+    d->orientation = 0;
+    set_group(&d->chan, colours == 3 ? "rgb" : "grey", colours, type, bps);
+    set_group(&d->matte, "alpha", mattes, type, bps);
+    set_group(&d->aux, "extra", auxes, type, bps);
+    set_group(&d->index, NULL, 0, PXF_C_INTEGER, 16);
+
+    if (TIFFGetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, &values) && values) {
+        PXF_INFO *info = &image->info;
+        float *pri[3] = {info->red_pri, info->green_pri, info->blue_pri};
+        for (s = 0; s < 3; ++s) {
+            pri[s][0] = values[2 * s];
+            pri[s][1] = values[2 * s + 1];
+            pri[s][2] = 1.0f - values[2 * s] - values[2 * s + 1];
+        }
+    }
+    if (TIFFGetField(p->tif, TIFFTAG_WHITEPOINT, &values) && values) {
+        image->info.white_pt[0] = values[0];
+        image->info.white_pt[1] = values[1];
+        image->info.white_pt[2] = 1.0f - values[0] - values[1];
+    }
+    take_text(&image->info.name, p->tif, TIFFTAG_DOCUMENTNAME);
+    take_text(&image->info.desc, p->tif, TIFFTAG_IMAGEDESCRIPTION);
+    take_text(&image->info.program, p->tif, TIFFTAG_SOFTWARE);
+    take_text(&image->info.user, p->tif, TIFFTAG_ARTIST);
+    take_text(&image->info.machine, p->tif, TIFFTAG_HOSTCOMPUTER);
+    take_text(&image->info.date, p->tif, TIFFTAG_DATETIME);
+    {
+        const char *name = compression_name(compression);
+        char *copy;
+        if (!name) snprintf(text, sizeof text, "compression %u", compression);
+        copy = strdup(name ? name : text);
+        if (copy) {
+            free(image->info.compression);
+            image->info.compression = copy;
+        }
+    }
+    image->scan = tiff_read_scan;
+    return 1;
+}
+
+/* ---- Writing ---- */
+
+static double top_of(int width) { return width >= 32 ? 4294967295.0 : (double)((1ull << width) - 1); }
+
+static double load(const void *row, const PXF_CHAN_GROUP *g, int x) {
+    if (g->type == PXF_C_FLOAT) return ((const float *)row)[x];
+    if (g->type == PXF_C_DOUBLE) return ((const double *)row)[x];
+    if (g->width <= 8) return ((const uint8_t *)row)[x];
+    if (g->width <= 16) return ((const uint16_t *)row)[x];
+    return ((const uint32_t *)row)[x];
+}
+
+/* Puts one caller row into sample s of the interleaved file row, converting
+ * to the file's sample type when the group's differs. */
+static void put_sample(tiff_file *p, const PXF_CHAN_GROUP *g, const void *src, int s, double gamma) {
+    int x, n = p->samples, bits = p->bytes * 8;
+    int same = p->is_float ? g->type == PXF_C_FLOAT : (g->type == PXF_C_INTEGER && g->width == bits);
+    double scale = 1.0;
+    if (!same) scale = (g->type == PXF_C_INTEGER ? 1.0 / top_of(g->width) : 1.0) * (p->is_float ? 1.0 : top_of(bits));
+    for (x = 0; x < p->width; ++x) {
+        size_t at = (size_t)x * n + s;
+        if (same) {
+            if (p->bytes == 1) p->row[at] = ((const uint8_t *)src)[x];
+            else if (p->bytes == 2) ((uint16_t *)p->row)[at] = ((const uint16_t *)src)[x];
+            else ((uint32_t *)p->row)[at] = ((const uint32_t *)src)[x];
+        } else if (p->is_float) {
+            double v = load(src, g, x) * scale;
+            /* Float TIFF files hold linear values (there is no gamma tag):
+             * encoded integer colour is decoded on the way. */
+            if (gamma != 1.0 && v > 0.0) v = pow(v, gamma);
+            ((float *)p->row)[at] = (float)v;
+        } else {
+            double v = load(src, g, x) * scale + 0.5, top = top_of(bits);
+            v = v < 0.0 ? 0.0 : v > top ? top : v;
+            if (p->bytes == 1) p->row[at] = (uint8_t)v;
+            else if (p->bytes == 2) ((uint16_t *)p->row)[at] = (uint16_t)v;
+            else ((uint32_t *)p->row)[at] = (uint32_t)v;
+        }
+    }
+}
+
+static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
+    tiff_file *p = (tiff_file *)data;
+    int k, c, s = 0;
+    (void)table;
+    if (p->height - 1 - line != p->next_row) return bad_scanline();
+    for (k = 0; k < 3; ++k)
+        for (c = 0; c < p->groups[k].count; ++c, ++s)
+            put_sample(p, &p->groups[k], (*rows)[s], s, k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
+    last_problem[0] = '\0';
+    if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
+        report(p->path, problem("write failed"));
+        pxf__err = PXF_E_FLUSH;
+        return PXF_E_FLUSH;
+    }
+    ++p->next_row;
+    return 0;
+}
+
+static int compression_code(const char *name) {
+    /* "unknown" is what the library puts in when the caller chose nothing. */
+    if (!name || !name[0] || !strcmp(name, "unknown") || !strcasecmp(name, "lzw")) return COMPRESSION_LZW;
+    if (!strcasecmp(name, "none")) return COMPRESSION_NONE;
+    if (!strcasecmp(name, "deflate") || !strcasecmp(name, "zip")) return COMPRESSION_ADOBE_DEFLATE;
+    if (!strcasecmp(name, "packbits")) return COMPRESSION_PACKBITS;
+    return -1;
+}
+
+static void put_text(TIFF *tif, uint32_t tag, const char *text) {
+    if (text && text[0] && strcmp(text, "unknown") != 0) TIFFSetField(tif, tag, text);
+}
+
+int imageWriteOpen(PXF_IMAGE *image) {
+    const char *path = image->info.handle;
+    const PXF_IMAGE_DESC *d = image->info.images;
+    const PXF_INFO *info = &image->info;
+    uint16_t extra[MAX_SAMPLES];
+    int k, s, bits = 8, any_float = 0, compression;
+    tiff_file *p;
+    char text[120];
+    if (!path) return report("tiff", "no file name");
+    if (image->info.num_images < 1 || !d) return report(path, "no image description");
+    if (d->chan.count != 1 && d->chan.count != 3) {
+        pxf__err = PXF_E_CANNOT_DO;
+        return report(path, "TIFF stores 1 (grey) or 3 (RGB) colour channels");
+    }
+    if (d->chan.count + d->matte.count + d->aux.count > MAX_SAMPLES || d->matte.count < 0 || d->aux.count < 0) {
+        pxf__err = PXF_E_CANNOT_DO;
+        return report(path, "too many channels for TIFF");
+    }
+    compression = compression_code(info->compression);
+    if (compression < 0) {
+        snprintf(text, sizeof text, "unknown TIFF compression \"%s\" (none, lzw, deflate, packbits)", info->compression);
+        pxf__err = PXF_E_CANNOT_DO;
+        return report(path, text);
+    }
+    p = attach(image, path);
+    if (!p) return 0;
+    p->writing = 1;
+    p->groups[0] = d->chan;
+    p->groups[1] = d->matte;
+    p->groups[2] = d->aux;
+    /* One sample type for the whole file: float when any group is float,
+     * else the widest integer. */
+    for (k = 0; k < 3; ++k) {
+        const PXF_CHAN_GROUP *g = &p->groups[k];
+        if (!g->count) continue;
+        if (g->type == PXF_C_FLOAT || g->type == PXF_C_DOUBLE) any_float = 1;
+        else if (g->type != PXF_C_INTEGER || g->width < 1 || g->width > 32) return open_failed(p, "bad channel type");
+        else if (g->width > bits) bits = g->width > 16 ? 32 : 16;
+    }
+    p->is_float = any_float;
+    p->gamma = d->curve.kind == PXF_CURVE_GAMMA && d->curve.gamma > 0.0f ? d->curve.gamma : 1.0;
+    p->bytes = any_float ? 4 : bits / 8;
+    p->width = d->window.right - d->window.left + 1;
+    p->height = d->window.top - d->window.bottom + 1;
+    p->samples = d->chan.count + d->matte.count + d->aux.count;
+    if (p->width < 1 || p->height < 1) return open_failed(p, "empty image window");
+    p->row = (unsigned char *)malloc((size_t)p->width * (size_t)p->samples * (size_t)p->bytes + 16);
+    if (!p->row) return open_failed(p, "out of memory");
+
+    last_problem[0] = '\0';
+    p->tif = TIFFOpen(path, "w");
+    if (!p->tif) return open_failed(p, problem(strerror(errno)));
+    TIFFSetField(p->tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width);
+    TIFFSetField(p->tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height);
+    TIFFSetField(p->tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples);
+    TIFFSetField(p->tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8));
+    TIFFSetField(p->tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(any_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT));
+    TIFFSetField(p->tif, TIFFTAG_PHOTOMETRIC, (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK));
+    TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG);
+    TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT);
+    TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
+    if (d->matte.count + d->aux.count > 0) {
+        for (s = 0; s < d->matte.count + d->aux.count; ++s)
+            extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
+        TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
+    }
+    TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
+    if (d->chan.count == 3 && info->white_pt[1] > 0.0f) {
+        float primaries[6] = {info->red_pri[0],   info->red_pri[1],  info->green_pri[0],
+                              info->green_pri[1], info->blue_pri[0], info->blue_pri[1]};
+        float white[2] = {info->white_pt[0], info->white_pt[1]};
+        TIFFSetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, primaries);
+        TIFFSetField(p->tif, TIFFTAG_WHITEPOINT, white);
+    }
+    put_text(p->tif, TIFFTAG_DOCUMENTNAME, info->name);
+    put_text(p->tif, TIFFTAG_IMAGEDESCRIPTION, info->desc);
+    put_text(p->tif, TIFFTAG_SOFTWARE, info->program);
+    put_text(p->tif, TIFFTAG_ARTIST, info->user);
+    put_text(p->tif, TIFFTAG_HOSTCOMPUTER, info->machine);
+    /* DateTime has a fixed form, "YYYY:MM:DD HH:MM:SS"; the library's own
+     * dates are "{seconds}". */
+    if (info->date && strlen(info->date) == 19 && info->date[4] == ':' && info->date[10] == ' ') {
+        TIFFSetField(p->tif, TIFFTAG_DATETIME, info->date);
+    } else if (info->date && info->date[0] == '{') {
+        char stamp[32];
+        struct tm when;
+        time_t seconds = (time_t)strtoll(info->date + 1, NULL, 10);
+        if (localtime_r(&seconds, &when) && strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) == 19)
+            TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
+    }
+    if (last_problem[0]) return open_failed(p, last_problem);
+    image->scan = tiff_write_scan;
+    return 1;
+}
+
+static int tiff_close(PXF_IMAGE *image) {
+    tiff_file *p = image->private_data ? (tiff_file *)image->private_data[0] : NULL;
+    int status = 0;
+    if (p && p->writing && p->tif) {
+        if (p->next_row < p->height) {
+            /* Stopped early: finish with zero rows so that the file stays whole. */
+            ERR_printf(ERR_WARNING, "%s: %d scanlines not written, filled with zero", p->path,
+                       p->height - p->next_row);
+            memset(p->row, 0, (size_t)p->width * (size_t)p->samples * (size_t)p->bytes);
+            while (p->next_row < p->height)
+                if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row++, 0) < 0) break;
+        }
+        last_problem[0] = '\0';
+        if (!TIFFFlush(p->tif)) {
+            report(p->path, problem("write failed"));
+            status = -1;
+        }
+    }
+    if (p) release(p);
+    pxf__free_obj(image);
+    if (status) pxf__err = PXF_E_FLUSH;
+    return status;
+}

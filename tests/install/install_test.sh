@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Usage: install_test.sh BUILD_DIR SOURCE_DIR
+# Installs the build into a scratch prefix, then builds a small application
+# against it twice (find_package and pkg-config) and runs the installed pxf.
+set -euo pipefail
+build=$1
+source=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name 'libPXFbase.so' | head -1)")
+[ -n "$libdir" ] || fail "libPXFbase.so not installed"
+[ -f "$prefix/include/pxf/pxf.h" ] && [ -f "$prefix/include/pxf/plugin.h" ] || fail "headers not installed"
+ls "$libdir"/pxf/plugins/png.so "$libdir"/pxf/plugins/tiff.so >/dev/null || fail "plug-ins not installed"
+
+# 1. CMake package.  The flags of the enclosing build (sanitizers) do not
+#    leak into this one; the sanitizer runtime is preloaded when needed.
+cmake -S "$source/tests/install/outside" -B "$work/by-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_BUILD_RPATH="$libdir" -DCMAKE_C_FLAGS="${OUTSIDE_CFLAGS:-}" -DCMAKE_EXE_LINKER_FLAGS="${OUTSIDE_CFLAGS:-}" \
+  >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; fail "find_package(PXFbase) failed"; }
+cmake --build "$work/by-cmake" >"$work/build.log" 2>&1 || { cat "$work/build.log"; fail "build with find_package failed"; }
+"$work/by-cmake/outside" | grep -q "every pixel" || fail "the find_package build does not run"
+
+# 2. pkg-config.
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+flags=$(pkg-config --cflags --libs pxfbase) || fail "pkg-config does not know pxfbase"
+cc ${OUTSIDE_CFLAGS:-} -std=c99 -o "$work/by-pkg-config" "$source/tests/install/outside/main.c" $flags \
+  -Wl,-rpath,"$libdir" || fail "build with pkg-config failed"
+"$work/by-pkg-config" | grep -q "every pixel" || fail "the pkg-config build does not run"
+[ "$(realpath "$(pkg-config --variable=plugindir pxfbase)")" = "$(realpath "$libdir/pxf/plugins")" ] || fail "pkg-config plugindir is wrong"
+
+# 3. The installed command finds the installed plug-ins by itself.
+"$prefix/bin/pxf" formats | grep -q '^png ' || fail "the installed pxf does not find its plug-ins"
+"$prefix/bin/pxf" make-sample "$work/sample.tif" || fail "the installed pxf cannot write"
+echo "ok: installed to $prefix and built against it both ways"

@@ -1,0 +1,384 @@
+// The subcommands: formats, info, convert and make-sample.
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "tool.h"
+
+namespace pxftool {
+namespace {
+
+bool wants_help(const std::vector<std::string> &args) {
+    for (const std::string &a : args)
+        if (a == "--help" || a == "-h") return true;
+    return false;
+}
+
+std::string next_value(const std::vector<std::string> &args, std::size_t &i) {
+    if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
+    return args[++i];
+}
+
+long parse_integer(const std::string &text, const std::string &option, long low, long high) {
+    char *end = nullptr;
+    errno = 0;
+    long v = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end || errno || v < low || v > high)
+        throw UsageError(option + ": expected a whole number from " + std::to_string(low) + " to " +
+                         std::to_string(high) + ", got \"" + text + "\"");
+    return v;
+}
+
+double parse_number(const std::string &text, const std::string &option) {
+    char *end = nullptr;
+    double v = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end || !std::isfinite(v) || v <= 0.0)
+        throw UsageError(option + ": expected a positive number, got \"" + text + "\"");
+    return v;
+}
+
+void reject_option(const std::string &arg) {
+    if (arg.size() > 1 && arg[0] == '-') throw UsageError("unknown option " + arg);
+}
+
+// ---- JSON and text output ----
+
+std::string json_string(const char *s) {
+    if (!s) return "null";
+    std::string out = "\"";
+    for (const unsigned char *c = reinterpret_cast<const unsigned char *>(s); *c; ++c) {
+        switch (*c) {
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\t': out += "\\t"; break;
+        case '\r': out += "\\r"; break;
+        default:
+            if (*c < 0x20) {
+                char hex[8];
+                std::snprintf(hex, sizeof hex, "\\u%04x", *c);
+                out += hex;
+            } else {
+                out += char(*c);
+            }
+        }
+    }
+    return out + "\"";
+}
+
+std::string number(double v) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6g", v);
+    return text;
+}
+
+std::string bounds_json(const PXF_BOUNDS &b) {
+    return "{\"left\": " + std::to_string(b.left) + ", \"right\": " + std::to_string(b.right) +
+           ", \"bottom\": " + std::to_string(b.bottom) + ", \"top\": " + std::to_string(b.top) + "}";
+}
+
+std::string group_json(const PXF_CHAN_GROUP &g) {
+    return "{\"count\": " + std::to_string(g.count) + ", \"type\": \"" + type_name(g.type) +
+           "\", \"width\": " + std::to_string(g.width) + ", \"format\": " + json_string(g.count ? g.format : nullptr) +
+           "}";
+}
+
+std::string group_text(const PXF_CHAN_GROUP &g) {
+    if (g.count <= 0) return "none";
+    std::string s = std::to_string(g.count) + " x " + type_name(g.type) + " " + std::to_string(g.width) + "-bit";
+    if (g.format && *g.format) s += std::string(" (") + g.format + ")";
+    return s;
+}
+
+struct Text {
+    const char *key;
+    const char *value;
+};
+
+std::vector<Text> texts_of(const PXF_INFO &info) {
+    std::vector<Text> all = {{"name", info.name},       {"description", info.desc}, {"program", info.program},
+                             {"machine", info.machine}, {"user", info.user},        {"date", info.date},
+                             {"text_a", info.text_a},   {"text_b", info.text_b}};
+    std::vector<Text> set;
+    // "unknown" is the library's filler for texts nobody gave.
+    for (const Text &t : all)
+        if (t.value && *t.value && std::strcmp(t.value, "unknown") != 0) set.push_back(t);
+    return set;
+}
+
+std::string describe_json(const std::string &path, const FileSource &file) {
+    const PXF_INFO &info = *file.info();
+    const PXF_IMAGE_DESC &d = file.desc();
+    PXF_TYPE *driver = find_driver(file.driver_key());
+    const Layout &l = file.layout();
+    std::string s = "  {\n";
+    s += "    \"file\": " + json_string(path.c_str()) + ",\n";
+    s += "    \"format\": {\"key\": " + json_string(file.driver_key().c_str()) +
+         ", \"name\": " + json_string(driver ? driver->name : nullptr) + "},\n";
+    s += "    \"width\": " + std::to_string(l.width) + ", \"height\": " + std::to_string(l.height) + ",\n";
+    s += "    \"window\": " + bounds_json(d.window) + ",\n";
+    s += "    \"active_window\": " + bounds_json(d.active_window) + ",\n";
+    s += "    \"orientation\": \"" + std::string(d.orientation & 1 ? "bottom-up" : "top-down") + "\",\n";
+    s += "    \"channels\": {\"colour\": " + group_json(d.chan) + ",\n                 \"matte\": " +
+         group_json(d.matte) + ",\n                 \"auxiliary\": " + group_json(d.aux) + "},\n";
+    s += "    \"gamma\": " + (d.curve.kind == PXF_CURVE_GAMMA ? number(d.curve.gamma) : std::string("null")) + ",\n";
+    auto xy = [](const float *p) { return "[" + number(p[0]) + ", " + number(p[1]) + "]"; };
+    s += "    \"primaries\": {\"red\": " + xy(info.red_pri) + ", \"green\": " + xy(info.green_pri) +
+         ", \"blue\": " + xy(info.blue_pri) + ", \"white\": " + xy(info.white_pt) + "},\n";
+    s += "    \"frame\": " + std::to_string(info.frame) + ",\n";
+    s += "    \"compression\": " + json_string(info.compression) + ",\n";
+    s += "    \"texts\": {";
+    bool first = true;
+    for (const Text &t : texts_of(info)) {
+        s += std::string(first ? "" : ", ") + "\"" + t.key + "\": " + json_string(t.value);
+        first = false;
+    }
+    return s + "}\n  }";
+}
+
+void describe_text(const std::string &path, const FileSource &file) {
+    const PXF_INFO &info = *file.info();
+    const PXF_IMAGE_DESC &d = file.desc();
+    PXF_TYPE *driver = find_driver(file.driver_key());
+    const Layout &l = file.layout();
+    auto bounds = [](const PXF_BOUNDS &b) {
+        return "left " + std::to_string(b.left) + ", right " + std::to_string(b.right) + ", bottom " +
+               std::to_string(b.bottom) + ", top " + std::to_string(b.top);
+    };
+    auto xy = [](const float *p) { return "(" + number(p[0]) + ", " + number(p[1]) + ")"; };
+    std::printf("%s\n", path.c_str());
+    std::printf("  format       %s (%s)\n", file.driver_key().c_str(), driver && driver->name ? driver->name : "?");
+    std::printf("  size         %d x %d, %s\n", l.width, l.height, d.orientation & 1 ? "bottom-up" : "top-down");
+    std::printf("  window       %s\n", bounds(d.window).c_str());
+    std::printf("  active       %s\n", bounds(d.active_window).c_str());
+    std::printf("  colour       %s\n", group_text(d.chan).c_str());
+    std::printf("  matte        %s\n", group_text(d.matte).c_str());
+    std::printf("  auxiliary    %s\n", group_text(d.aux).c_str());
+    if (d.curve.kind == PXF_CURVE_GAMMA)
+        std::printf("  gamma        %s\n", number(d.curve.gamma).c_str());
+    else
+        std::printf("  gamma        response curve of %d entries\n", d.curve.entries);
+    std::printf("  primaries    red %s, green %s, blue %s, white %s\n", xy(info.red_pri).c_str(),
+                xy(info.green_pri).c_str(), xy(info.blue_pri).c_str(), xy(info.white_pt).c_str());
+    std::printf("  frame        %d\n", info.frame);
+    std::printf("  compression  %s\n", info.compression ? info.compression : "unknown");
+    for (const Text &t : texts_of(info)) std::printf("  %-12s %s\n", t.key, t.value);
+}
+
+// ---- Frame sequences ----
+
+bool has_frame_field(const std::string &path) {
+    std::size_t slash = path.rfind('/');
+    return path.find('#', slash == std::string::npos ? 0 : slash) != std::string::npos;
+}
+
+// name.####.ext with frame 7 gives name.0007.ext: the run of '#' sets the
+// width (longer numbers are written in full).
+std::string frame_path(const std::string &path, int frame) {
+    std::size_t slash = path.rfind('/');
+    std::size_t start = path.find('#', slash == std::string::npos ? 0 : slash);
+    if (start == std::string::npos) return path;
+    std::size_t end = path.find_first_not_of('#', start);
+    if (end == std::string::npos) end = path.size();
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%0*d", int(end - start), frame);
+    return path.substr(0, start) + digits + path.substr(end);
+}
+
+void parse_frames(const std::string &text, int &first, int &last) {
+    std::size_t dash = text.find('-', 1);
+    first = int(parse_integer(text.substr(0, dash), "--frames", 0, 99999999));
+    last = dash == std::string::npos ? first : int(parse_integer(text.substr(dash + 1), "--frames", 0, 99999999));
+    if (last < first) throw UsageError("--frames: the range " + text + " runs backwards");
+}
+
+const char *kConvertHelp =
+    "usage: pxf convert IN OUT [options]\n"
+    "\n"
+    "Reads IN through the requested operators and writes OUT, in the format\n"
+    "named by OUT's extension or by --key.\n"
+    "\n"
+    "  --key KEY          output format key (see pxf formats)\n"
+    "  --float            cast integer channels to normalised 32-bit float\n"
+    "  --gamma G          correct 8-bit colour channels to gamma G\n"
+    "  --quantize BITS    turn float colour and matte channels into BITS-bit\n"
+    "                     integers (use after --float, or on float files)\n"
+    "  --field            pair two field files (name.NNNN) into one frame\n"
+    "  --compression C    compression where the format offers a choice\n"
+    "                     (tiff: none, lzw, deflate, packbits)\n"
+    "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
+    "  --jobs N           convert up to N frames at once (default 1)\n"
+    "  --quiet            no progress bar\n";
+
+const char *kInfoHelp =
+    "usage: pxf info [--json] FILE...\n"
+    "\n"
+    "Describes each image file: format (found by content, then extension),\n"
+    "size and windows, channel groups with types and widths, gamma,\n"
+    "primaries, frame, texts and compression.\n"
+    "\n"
+    "  --json    one JSON array of descriptions, for scripts\n";
+
+const char *kFormatsHelp =
+    "usage: pxf formats\n"
+    "\n"
+    "Lists every registered image format: key, extension, name, and whether\n"
+    "it reads (r) and writes (w).  Plug-ins come from PXF_PLUGIN_PATH.\n";
+
+const char *kSampleHelp =
+    "usage: pxf make-sample OUT [options]\n"
+    "\n"
+    "Writes the built-in sample image: colour bars, grey and hue ramps, a\n"
+    "soft matte and a depth channel (formats without a place for a channel\n"
+    "group leave it out, and say so).\n"
+    "\n"
+    "  --size WxH         image size (default 320x240)\n"
+    "  --key KEY          output format key (default: from OUT's extension)\n"
+    "  --compression C    compression where the format offers a choice\n";
+
+}  // namespace
+
+int run_formats(const std::vector<std::string> &args) {
+    if (wants_help(args)) return std::fputs(kFormatsHelp, stdout), kExitOk;
+    for (const std::string &a : args) {
+        reject_option(a);
+        throw UsageError("formats takes no arguments");
+    }
+    std::printf("%-8s %-10s %-4s %s\n", "KEY", "EXTENSION", "R/W", "NAME");
+    for (PXF_TYPE *d : all_drivers()) {
+        std::string rw = std::string(d->access & 4 ? "r" : "-") + (d->access & 8 ? "w" : "-");
+        std::printf("%-8s %-10s %-4s %s%s\n", d->key ? d->key : "", d->extension ? d->extension : "", rw.c_str(),
+                    d->name ? d->name : "", d->builtin ? " (built in)" : "");
+    }
+    return kExitOk;
+}
+
+int run_info(const std::vector<std::string> &args) {
+    if (wants_help(args)) return std::fputs(kInfoHelp, stdout), kExitOk;
+    bool json = false;
+    std::vector<std::string> files;
+    for (const std::string &a : args) {
+        if (a == "--json") json = true;
+        else reject_option(a), files.push_back(a);
+    }
+    if (files.empty()) throw UsageError("info needs at least one FILE");
+    int status = kExitOk;
+    std::vector<std::string> entries;
+    for (const std::string &path : files) {
+        try {
+            FileSource file(path, ReadOptions{});
+            if (json) entries.push_back(describe_json(path, file));
+            else describe_text(path, file);
+        } catch (const Failure &e) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "pxf: %s\n", e.what());
+            status = kExitFailed;
+        }
+    }
+    if (json) {
+        std::printf("[\n");
+        for (std::size_t i = 0; i < entries.size(); ++i)
+            std::printf("%s%s\n", entries[i].c_str(), i + 1 < entries.size() ? "," : "");
+        std::printf("]\n");
+    }
+    return status;
+}
+
+int run_convert(const std::vector<std::string> &args) {
+    if (wants_help(args)) return std::fputs(kConvertHelp, stdout), kExitOk;
+    ReadOptions read;
+    WriteOptions write;
+    std::vector<std::string> paths;
+    std::string frames;
+    int jobs = 1;
+    bool quiet = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string &a = args[i];
+        if (a == "--key") write.key = next_value(args, i);
+        else if (a == "--float") read.to_float = true;
+        else if (a == "--gamma") read.gamma = float(parse_number(next_value(args, i), a));
+        else if (a == "--quantize") read.quantize = int(parse_integer(next_value(args, i), a, 1, 32));
+        else if (a == "--field") read.field = true;
+        else if (a == "--compression") write.compression = next_value(args, i);
+        else if (a == "--frames") frames = next_value(args, i);
+        else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
+        else if (a == "--quiet") quiet = true;
+        else reject_option(a), paths.push_back(a);
+    }
+    if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
+    const std::string &in = paths[0], &out = paths[1];
+
+    if (frames.empty()) {
+        if (has_frame_field(in) || has_frame_field(out))
+            throw UsageError("convert: a name.####.ext sequence needs --frames A-B");
+        Progress bar("convert", !quiet);
+        FileSource source(in, read);
+        write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
+        return kExitOk;
+    }
+
+    int first = 0, last = 0;
+    parse_frames(frames, first, last);
+    if (!has_frame_field(in)) throw UsageError("--frames: IN needs a frame field, as in name.####.ext");
+    if (!has_frame_field(out) && last > first)
+        throw UsageError("--frames: OUT needs a frame field, as in name.####.ext");
+    int count = last - first + 1;
+    std::atomic<int> next{0}, done{0}, failed{0};
+    std::mutex print;
+    Progress bar("convert", !quiet);
+    auto worker = [&] {
+        for (int i; (i = next++) < count;) {
+            int frame = first + i;
+            try {
+                FileSource source(frame_path(in, frame), read);
+                write_image(source, frame_path(out, frame), write, nullptr);
+            } catch (const std::exception &e) {
+                ++failed;
+                bar.finish();
+                std::lock_guard<std::mutex> hold(print);
+                std::fprintf(stderr, "pxf: %s\n", e.what());
+            }
+            bar.update(++done, count);
+        }
+    };
+    std::vector<std::thread> pool;
+    for (int j = 1; j < std::min(jobs, count); ++j) pool.emplace_back(worker);
+    worker();
+    for (std::thread &t : pool) t.join();
+    bar.finish();
+    if (failed) throw Failure(std::to_string(failed.load()) + " of " + std::to_string(count) + " frames failed");
+    return kExitOk;
+}
+
+int run_make_sample(const std::vector<std::string> &args) {
+    if (wants_help(args)) return std::fputs(kSampleHelp, stdout), kExitOk;
+    WriteOptions write;
+    std::vector<std::string> paths;
+    int width = 320, height = 240;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string &a = args[i];
+        if (a == "--key") write.key = next_value(args, i);
+        else if (a == "--compression") write.compression = next_value(args, i);
+        else if (a == "--size") {
+            std::string size = next_value(args, i);
+            std::size_t x = size.find('x');
+            if (x == std::string::npos) throw UsageError("--size: expected WxH, got \"" + size + "\"");
+            width = int(parse_integer(size.substr(0, x), a, 1, 65535));
+            height = int(parse_integer(size.substr(x + 1), a, 1, 65535));
+        } else {
+            reject_option(a), paths.push_back(a);
+        }
+    }
+    if (paths.size() != 1) throw UsageError("make-sample needs one OUT file");
+    auto sample = make_sample(width, height);
+    write_image(*sample, paths[0], write, nullptr);
+    return kExitOk;
+}
+
+}  // namespace pxftool

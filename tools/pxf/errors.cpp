@@ -1,0 +1,63 @@
+// The library reports through a handler chain; the tool takes the reports
+// over so that each failure ends up as one line on standard error.
+#include <pxf/err.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include "tool.h"
+
+namespace pxftool {
+namespace {
+
+thread_local std::string first_error;
+thread_local bool quiet = false;
+std::mutex print_lock;
+
+int tool_handler(const char *, int severity, const char *text, ERR_DESCRIPTOR *, void *) {
+    if (!text || quiet) return 0;
+    if (severity >= ERR_ERROR) {
+        if (first_error.empty()) first_error = text;
+    } else if (severity == ERR_WARNING) {
+        warn(text);
+    }
+    return 0;  // handled: the default handler would print a second line
+}
+
+pthread_mutex_t report_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+}  // namespace
+
+void capture_reports() {
+    ERR_report_mp(&report_mutex, 1);
+    ERR_dcl_handler(nullptr, tool_handler, nullptr);
+}
+
+std::string take_report() {
+    std::string text;
+    text.swap(first_error);
+    return text;
+}
+
+void fail_with_report(const std::string &what, const std::string &fallback) {
+    std::string reason = take_report();
+    if (reason.empty()) reason = fallback;
+    // Drivers name the file themselves; avoid saying it twice.
+    if (reason.compare(0, what.size() + 2, what + ": ") == 0) throw Failure(reason);
+    throw Failure(what + ": " + reason);
+}
+
+QuietReports::QuietReports() : was_(quiet) { quiet = true; }
+QuietReports::~QuietReports() { quiet = was_; }
+
+void note_that(const std::string &text) {
+    std::lock_guard<std::mutex> hold(print_lock);
+    std::fprintf(stderr, "pxf: note: %s\n", text.c_str());
+}
+
+void warn(const std::string &text) {
+    std::lock_guard<std::mutex> hold(print_lock);
+    std::fprintf(stderr, "pxf: warning: %s\n", text.c_str());
+}
+
+}  // namespace pxftool

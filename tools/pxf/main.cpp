@@ -1,0 +1,60 @@
+// pxf: look at, convert and make image files through the library's drivers.
+#include <cstdio>
+#include <cstring>
+
+#include "tool.h"
+
+namespace {
+
+const char *kHelp =
+    "usage: pxf COMMAND [options]\n"
+    "\n"
+    "Commands:\n"
+    "  formats            list the image formats that are available\n"
+    "  info FILE...       describe image files (--json for scripts)\n"
+    "  convert IN OUT     convert an image, or a frame sequence, to another format\n"
+    "  make-sample OUT    write the built-in sample image\n"
+    "\n"
+    "'pxf COMMAND --help' shows the options of a command.  Format plug-ins are\n"
+    "loaded from the directories of PXF_PLUGIN_PATH (separated by ':').\n"
+    "Exit status: 0 done, 1 bad input or failed I/O, 2 bad command line.\n";
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    using namespace pxftool;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) {
+        std::fputs(kHelp, stderr);
+        return kExitUsage;
+    }
+    std::string command = args.front();
+    args.erase(args.begin());
+    if (command == "--help" || command == "-h" || command == "help") {
+        std::fputs(kHelp, stdout);
+        return kExitOk;
+    }
+    try {
+        int (*run)(const std::vector<std::string> &) = nullptr;
+        if (command == "formats") run = run_formats;
+        else if (command == "info") run = run_info;
+        else if (command == "convert") run = run_convert;
+        else if (command == "make-sample") run = run_make_sample;
+        else throw UsageError("unknown command \"" + command + "\" (see pxf --help)");
+        capture_reports();
+        load_plugins(argv[0]);
+        int status = run(args);
+        std::fflush(stdout);
+        return status;
+    } catch (const UsageError &e) {
+        std::fprintf(stderr, "pxf: %s\n", e.what());
+        return kExitUsage;
+    } catch (const Failure &e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "pxf: %s\n", e.what());
+        return kExitFailed;
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "pxf: %s\n", e.what());
+        return kExitFailed;
+    }
+}

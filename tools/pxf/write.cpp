@@ -1,0 +1,135 @@
+// Writing an image: pick the driver, fit the layout to it, stream the rows.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include "tool.h"
+
+namespace pxftool {
+namespace {
+
+const char *format_name(int group, int count) {
+    if (group == kColour) return count == 3 ? "rgb" : count == 1 ? "grey" : "raw";
+    if (group == kMatte) return "alpha";
+    return "depth";
+}
+
+// Closes a half-written image and removes the file when writing fails.
+struct OpenOutput {
+    PXF_IMAGE *image = nullptr;
+    std::string path;
+    ~OpenOutput() {
+        if (!image) return;
+        QuietReports quiet;  // the real reason has been thrown already
+        PXF_close(image);
+        unlink(path.c_str());
+    }
+};
+
+}  // namespace
+
+void write_image(RowSource &source, const std::string &path, const WriteOptions &options,
+                 const std::function<void(int, int)> &progress) {
+    std::string ext = extension_of(path);
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    PXF_TYPE *driver = find_driver(options.key.empty() ? ext : options.key);
+    if (!driver) {
+        if (!options.key.empty()) throw Failure("unknown format key \"" + options.key + "\" (see pxf formats)");
+        throw Failure(path + ": no format for the extension \"" + ext + "\" (give --key; see pxf formats)");
+    }
+    if (!(driver->access & 8) || !driver->write_open)
+        throw Failure(path + ": the " + driver->key + " format cannot be written");
+
+    std::vector<std::string> notes;
+    const Layout &from = source.layout();
+    Layout to = fit_to_driver(from, *driver, notes);
+    for (const std::string &note : notes) note_that(path + ": " + note);
+    if (to.group[kColour].count < 1) throw Failure(path + ": the image has no colour channels");
+
+    PXF_IMAGE_DESC desc = source.desc();
+    desc.aspect = nullptr;
+    if (desc.curve.kind != PXF_CURVE_GAMMA) desc.curve = {PXF_CURVE_GAMMA, 1.0f, nullptr, 1, 256, PXF_C_INTEGER, 8, nullptr};
+    desc.curve.tables = nullptr;
+    desc.image_kind = 1;
+    desc.step = 1;
+    desc.orientation = driver->orientation;
+    apply_layout(desc, to);
+    desc.chan.format = const_cast<char *>(format_name(kColour, to.group[kColour].count));
+    desc.matte.format = const_cast<char *>(format_name(kMatte, to.group[kMatte].count));
+    desc.aux.format = const_cast<char *>(format_name(kAux, to.group[kAux].count));
+    desc.index.format = nullptr;
+
+    // PXF_open copies everything it keeps, so the info may borrow strings.
+    PXF_INFO info;
+    PXF_info_init(&info);
+    if (const PXF_INFO *in = source.info()) {
+        info.name = in->name;
+        info.desc = in->desc;
+        info.user = in->user;
+        info.machine = in->machine;
+        info.date = in->date;
+        info.text_a = in->text_a;
+        info.text_b = in->text_b;
+        std::memcpy(info.red_pri, in->red_pri, sizeof info.red_pri);
+        std::memcpy(info.green_pri, in->green_pri, sizeof info.green_pri);
+        std::memcpy(info.blue_pri, in->blue_pri, sizeof info.blue_pri);
+        std::memcpy(info.white_pt, in->white_pt, sizeof info.white_pt);
+        info.frame = in->frame;
+    }
+    std::string key = driver->key;
+    info.key = key.data();
+    info.handle = const_cast<char *>(path.c_str());
+    info.program = const_cast<char *>(options.program.c_str());
+    info.compression = options.compression.empty() ? nullptr : const_cast<char *>(options.compression.c_str());
+    info.num_images = 1;
+    info.images = &desc;
+
+    take_report();
+    OpenOutput out;
+    out.path = path;
+    out.image = PXF_open(&info, "w");
+    PXF_info_cleanup(&info, 0);
+    if (!out.image) fail_with_report(path, "cannot write");
+
+    const Layout &stored = to;
+    ChannelBuffer rows(stored, stored.width);
+    const PXF_BOUNDS &w = desc.window;
+    bool writer_up = (driver->orientation & 1) != 0;
+    int total = stored.height, done = 0;
+    auto line_at = [&](int i, bool up) { return up ? w.bottom + i : w.top - i; };
+    auto put = [&](int line, void *const *src_rows) {
+        convert_rows(src_rows, from, rows.rows(), stored);
+        void **r = rows.rows();
+        if (PXF_scan_write(out.image, line, &r) < 0)
+            fail_with_report(path, "cannot write scanline " + std::to_string(line));
+        if (progress) progress(++done, total);
+    };
+    if (source.bottom_up() == writer_up) {
+        for (int i = 0; i < total; ++i) put(line_at(i, writer_up), source.row(line_at(i, writer_up)));
+    } else {
+        // The file and the driver disagree on direction: hold the image.
+        std::vector<ChannelBuffer> held;
+        held.reserve(std::size_t(total));
+        for (int i = 0; i < total; ++i) {
+            int line = line_at(i, source.bottom_up());
+            held.emplace_back(from, from.width);
+            void *const *src = source.row(line);
+            convert_rows(src, from, held.back().rows(), from);
+        }
+        for (int i = 0; i < total; ++i) {
+            int line = line_at(i, writer_up);
+            int index = source.bottom_up() ? line - w.bottom : w.top - line;
+            put(line, held[std::size_t(index)].rows());
+        }
+    }
+    PXF_IMAGE *image = out.image;
+    out.image = nullptr;
+    if (PXF_close(image) != 0) {
+        unlink(path.c_str());
+        fail_with_report(path, "cannot finish writing");
+    }
+}
+
+}  // namespace pxftool
