@@ -16,11 +16,9 @@
 
 namespace {
 
-using pxf::test::describe;
-using pxf::test::numbered;
-using pxf::test::ReportCapture;
+using namespace pxf::test;
 
-class Memory : public pxf::test::Numbered {
+class Memory : public Numbered {
 protected:
     void SetUp() override {
         Numbered::SetUp();
@@ -29,30 +27,20 @@ protected:
     PXF_IMAGE *open(const char *name, const char *mode, PXF_IMAGE_DESC *desc = nullptr, int images = 1) {
         return request_.set("mem", name, desc, images).open(mode);
     }
-    pxf::test::Request request_;
-};
-
-std::size_t element_bytes(int type, int bits) {
-    if (type == PXF_C_FLOAT) return 4;
-    return bits <= 8 ? 1 : bits <= 16 ? 2 : 4;
-}
-
-struct Shape {
-    int type, bits;
+    Request request_;
 };
 
 TEST_F(Memory, EveryWidthRoundTripsInRandomRowOrder) {
-    const Shape shapes[] = {{PXF_C_INTEGER, 8}, {PXF_C_INTEGER, 12}, {PXF_C_INTEGER, 16},
-                            {PXF_C_INTEGER, 32}, {PXF_C_FLOAT, 32}};
     std::mt19937 random(7);
-    for (const Shape &shape : shapes) {
-        SCOPED_TRACE(shape.bits);
-        const int width = 13, height = 11, channels = 3 + 1 + 2;
-        PXF_IMAGE_DESC d = describe(width, height, 3, shape.bits, 1, 2, shape.type);
-        std::string name = "round-trip-" + std::to_string(shape.type) + "-" + std::to_string(shape.bits);
+    const int width = 13, height = 11, channels = 3 + 1 + 2;
+    for (auto [type, bits] : {std::pair{PXF_C_INTEGER, 8}, {PXF_C_INTEGER, 12}, {PXF_C_INTEGER, 16},
+                              {PXF_C_INTEGER, 32}, {PXF_C_FLOAT, 32}}) {
+        SCOPED_TRACE(testing::Message() << type << "/" << bits);
+        PXF_IMAGE_DESC d = describe(width, height, 3, bits, 1, 2, type);
+        const std::string name = "round-trip-" + std::to_string(type) + "-" + std::to_string(bits);
         PXF_IMAGE *out = open(name.c_str(), "w", &d);
         ASSERT_NE(out, nullptr);
-        std::size_t row_bytes = width * element_bytes(shape.type, shape.bits);
+        const std::size_t row_bytes = width * (bits <= 8 ? 1 : bits <= 16 ? 2 : 4);
         std::vector<std::vector<uint8_t>> expected(height * channels, std::vector<uint8_t>(row_bytes));
         std::vector<int> order(height);
         std::iota(order.begin(), order.end(), 0);
@@ -61,13 +49,12 @@ TEST_F(Memory, EveryWidthRoundTripsInRandomRowOrder) {
         for (int line : order) {
             for (int c = 0; c < channels; ++c) {
                 auto &bytes = expected[line * channels + c];
-                for (auto &b : bytes) b = uint8_t(random());
+                std::generate(bytes.begin(), bytes.end(), [&] { return uint8_t(random()); });
                 std::memcpy(rows[c], bytes.data(), row_bytes);
             }
             ASSERT_EQ(PXF_scan_write(out, line, &rows), 0);
         }
         pxf__chan_free(rows);
-
         PXF_IMAGE *in = open(name.c_str(), "r");
         ASSERT_NE(in, nullptr);
         std::shuffle(order.begin(), order.end(), random);
@@ -86,22 +73,17 @@ TEST_F(Memory, EveryWidthRoundTripsInRandomRowOrder) {
 TEST_F(Memory, OldestWriterOfANameWinsAndTheImageDiesWithItsWriters) {
     ReportCapture capture;
     PXF_IMAGE_DESC small = describe(2, 2, 1, 8), large = describe(5, 3, 1, 8);
-    PXF_IMAGE *first = open("twice", "w", &small);
-    PXF_IMAGE *second = open("twice", "w", &large);
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
+    PXF_IMAGE *first = open("twice", "w", &small), *second = open("twice", "w", &large);
+    ASSERT_TRUE(first && second);
     EXPECT_EQ(open("Twice", "r"), nullptr);  // names are case-sensitive
-    PXF_IMAGE *reader = open("twice", "r");
-    ASSERT_NE(reader, nullptr);
-    EXPECT_EQ(reader->current_line, -1);
-    EXPECT_EQ(reader->info.images[0].window.right, 1);
-    PXF_close(reader);
-    PXF_close(first);  // the second writer now serves the name
-    reader = open("twice", "r");
-    ASSERT_NE(reader, nullptr);
-    EXPECT_EQ(reader->info.images[0].window.right, 4);
-    PXF_close(reader);
-    PXF_close(second);
+    for (PXF_IMAGE *writer : {first, second}) {
+        PXF_IMAGE *reader = open("twice", "r");
+        ASSERT_NE(reader, nullptr);
+        EXPECT_EQ(reader->current_line, -1);
+        EXPECT_EQ(reader->info.images[0].window.right, writer == first ? 1 : 4);
+        PXF_close(reader);
+        PXF_close(writer);  // the next writer now serves the name
+    }
     EXPECT_EQ(open("twice", "r"), nullptr);
     EXPECT_TRUE(capture.reports().empty());  // an unknown name fails silently
     PXF_IMAGE *again = open("twice", "w", &small);  // the list is made anew
@@ -118,10 +100,8 @@ TEST_F(Memory, ReadersKeepTheirOwnBuffersAndDescriptions) {
     ASSERT_EQ(PXF_scan_write(out, 1, &rows), 0);
     pxf__chan_free(rows);
 
-    PXF_IMAGE *first = open("pair", "r");
-    PXF_IMAGE *second = open("pair", "r");
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
+    PXF_IMAGE *first = open("pair", "r"), *second = open("pair", "r");
+    ASSERT_TRUE(first && second);
     // An operator on one reader converts that reader's description only.
     ASSERT_EQ(PXF__cast(first), first);
     EXPECT_EQ(first->info.images[0].chan.type, PXF_C_FLOAT);
@@ -148,7 +128,7 @@ TEST_F(Memory, RowsOutsideTheWindowAreRefused) {
     PXF_IMAGE_DESC d = describe(4, 3, 3, 8);
     PXF_IMAGE *out = open("bounds", "w", &d);
     ASSERT_NE(out, nullptr);
-    void **rows = pxf__chan_alloc(&d, 4, "test");
+    void **rows = pxf__chan_alloc(&d, 4, "test"), **got = nullptr;
     for (int line : {-1, 3}) {
         ReportCapture capture;
         EXPECT_EQ(PXF_scan_write(out, line, &rows), PXF_E_BAD_SCANLINE);
@@ -158,7 +138,6 @@ TEST_F(Memory, RowsOutsideTheWindowAreRefused) {
         EXPECT_EQ(out->current_line, -1);
     }
     PXF_IMAGE *in = open("bounds", "r");
-    void **got = nullptr;
     EXPECT_EQ(PXF_scan_read(in, 3, &got), PXF_E_BAD_SCANLINE);
     EXPECT_EQ(got, nullptr);
     pxf__chan_free(rows);
@@ -168,10 +147,8 @@ TEST_F(Memory, RowsOutsideTheWindowAreRefused) {
 
 TEST_F(Memory, SeveralImagesAndChannelFaults) {
     PXF_IMAGE_DESC d[3] = {describe(4, 2, 3, 8), describe(6, 5, 1, 16, 1), describe(2, 9, 2, 32)};
-    PXF_IMAGE *out = open("layers", "w", d, 3);
-    ASSERT_NE(out, nullptr);
-    PXF_IMAGE *in = open("layers", "r");
-    ASSERT_NE(in, nullptr);
+    PXF_IMAGE *out = open("layers", "w", d, 3), *in = open("layers", "r");
+    ASSERT_TRUE(out && in);
     EXPECT_EQ(in->info.num_images, 3);
     PXF_close(in);
     PXF_close(out);  // frees every image's row table exactly once

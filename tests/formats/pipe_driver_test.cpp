@@ -8,7 +8,6 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include <pxf/pxf.h>
 
@@ -17,22 +16,15 @@
 
 namespace {
 
-using pxf::test::describe;
-using pxf::test::numbered;
-using pxf::test::ReportCapture;
+using namespace pxf::test;
 
-struct ChildResult {
-    std::string output;
-    int status;
-};
-
-// Runs `body` in a child whose standard output is a pipe; the child exits
-// with body's result.
-ChildResult run_child(const std::function<int()> &body) {
+// Runs `body` in a child whose standard output is a pipe; what the child
+// wrote, then its exit status in brackets.
+std::string run_child(const std::function<int()> &body) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     std::fflush(stdout);
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid == 0) {
         dup2(fds[1], 1);
         close(fds[0]);
@@ -40,29 +32,28 @@ ChildResult run_child(const std::function<int()> &body) {
         _exit(body());
     }
     close(fds[1]);
-    ChildResult result{{}, -1};
+    std::string output;
     char buffer[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, std::size_t(n));
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) output.append(buffer, std::size_t(n));
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return output + "[" + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + "]";
 }
 
-// Writes rows 0..lines-1 of a width-pixel image whose channel c holds 'a' + c;
-// with `broken`, standard output is closed first and the write must fail.
-int write_rows(int width, int lines, int channels_in_buffer, bool broken = false) {
-    PXF_IMAGE_DESC d = describe(width, 2, channels_in_buffer, 8);
-    pxf::test::Request request;
+// Writes rows 0..lines-1 of a width-pixel image of height 2 whose channel c
+// holds 'a' + c; with `broken`, standard output is closed first and the write
+// must fail.
+int write_rows(int width, int lines, int channels, bool broken = false) {
+    PXF_IMAGE_DESC d = describe(width, 2, channels, 8);
+    Request request;
     PXF_IMAGE *image = request.set(nullptr, "out.pipe", &d).open("w");
     if (!image) return 10;
     if (broken) close(1);
     void **rows = pxf__chan_alloc(&d, width, "test");
-    for (int c = 0; c < channels_in_buffer; ++c) std::memset(rows[c], 'a' + c, std::size_t(width));
+    for (int c = 0; c < channels; ++c) std::memset(rows[c], 'a' + c, std::size_t(width));
     for (int line = 0; line < lines; ++line) {
-        int result = PXF_scan_write(image, line, &rows);
+        const int result = PXF_scan_write(image, line, &rows);
         if (broken) return result == PXF_E_FLUSH && pxf__err == PXF_E_FLUSH ? 0 : 1;
         if (result != 0) return 20 + line;
     }
@@ -71,31 +62,27 @@ int write_rows(int width, int lines, int channels_in_buffer, bool broken = false
 }
 
 std::string packet(int width, int channels) {
-    int32_t head[2] = {2, width};
+    const int32_t head[2] = {2, width};
     std::string p(reinterpret_cast<const char *>(head), 8);
     for (int c = 0; c < channels; ++c) p += std::string(std::size_t(width), char('a' + c));
     return p;
 }
 
 TEST(Pipe, PacketsPerRowUpToTheHeightWithThreeOrFourChannels) {
-    pipe_number = 0;
-    ChildResult r = run_child([] { return write_rows(10, 3, 4); });  // row 2 is at the height: nothing
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output, packet(10, 3) + packet(10, 3));
+    pipe_number = 0;  // row 2 is at the height: nothing
+    EXPECT_EQ(run_child([] { return write_rows(10, 3, 4); }), packet(10, 3) + packet(10, 3) + "[0]");
     pipe_number = 4;  // pipe number four carries the matte too
-    r = run_child([] { return write_rows(5, 1, 4); });
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output, packet(5, 4));
-    pipe_number = 0;
-    EXPECT_EQ(run_child([] { return write_rows(4, 1, 3, true); }).status, 0);  // a failed flush is reported
+    EXPECT_EQ(run_child([] { return write_rows(5, 1, 4); }), packet(5, 4) + "[0]");
+    pipe_number = 0;  // a failed flush is reported
+    EXPECT_EQ(run_child([] { return write_rows(4, 1, 3, true); }), "[0]");
 }
 
-using PipeMessages = pxf::test::Numbered;
+using PipeMessages = Numbered;
 
 TEST_F(PipeMessages, OnlyOneImagePerPipe) {
     ASSERT_EQ(PXF_init(catalog_, nullptr), 0);
     PXF_IMAGE_DESC d[2] = {describe(4, 2, 3, 8), describe(4, 2, 3, 8)};
-    pxf::test::Request request;
+    Request request;
     ReportCapture capture;
     EXPECT_EQ(request.set("pipe", "stream", d, 2).open("w"), nullptr);
     EXPECT_EQ(capture.last(), numbered(61, "pipe cannot store multiple images"));

@@ -28,8 +28,11 @@ constexpr uint8_t kCanary = 0xCD;
 
 using Values = std::vector<uint32_t>;
 
-// A row of elements of s bytes, in host order.
-Bytes bytes_of(const Values &v, size_t s) {
+// A row of elements of s bytes, in host order, between `leading` and
+// `trailing` zero elements.
+Bytes bytes_of(Values v, size_t s, size_t leading = 0, size_t trailing = 0) {
+    v.insert(v.begin(), leading, 0);
+    v.resize(v.size() + trailing, 0);
     Bytes out(v.size() * s);
     for (size_t i = 0; i < v.size(); ++i) {
         const uint8_t b = static_cast<uint8_t>(v[i]);
@@ -87,13 +90,6 @@ bool ref_decode(const Bytes &block, size_t n, size_t s, Values &row) {
     return in == block.size();
 }
 
-// Leading and trailing zero elements around a row.
-Values framed(Values row, size_t leading, size_t trailing) {
-    row.insert(row.begin(), leading, 0);
-    row.resize(row.size() + trailing, 0);
-    return row;
-}
-
 Bytes operator+(Bytes a, const Bytes &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
@@ -110,13 +106,19 @@ Bytes encode(const Codec &c, const Bytes &row) {
     return out;
 }
 
-// Decodes from a heap block of exactly its length (ASan catches reads past it) into a
-// row between guard areas; `row` gets the leading + count + trailing elements.
+// A heap copy of exactly the block's length (ASan catches reads past it).
+std::unique_ptr<uint8_t[]> exact_copy(const Bytes &block) {
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[block.size() + 1]);
+    std::copy(block.begin(), block.end(), exact.get());
+    return exact;
+}
+
+// Decodes from an exact copy into a row between guard areas; `row` gets the
+// leading + count + trailing elements.
 int decode(const Codec &c, const Bytes &block, int count, unsigned leading, int trailing, Bytes &row) {
     const size_t guard = 64, total = (leading + count + trailing) * c.size;
     Bytes dest(total + 2 * guard, kCanary);
-    std::unique_ptr<uint8_t[]> exact(new uint8_t[block.size() + 1]);
-    std::copy(block.begin(), block.end(), exact.get());
+    const auto exact = exact_copy(block);
     const int r = c.dec(exact.get(), static_cast<int>(block.size()), &dest[guard], count, leading, trailing);
     EXPECT_EQ(std::count(dest.begin(), dest.begin() + guard, kCanary), 64) << "wrote before the row";
     EXPECT_EQ(std::count(dest.end() - guard, dest.end(), kCanary), 64) << "wrote past the row";
@@ -171,7 +173,7 @@ TEST(RlaCodec, RowsMatchTheReferenceAndRoundTrip) {
             Bytes back;
             ASSERT_EQ(decode(c, packed, static_cast<int>(n), leading, trailing, back),
                       static_cast<int>(leading + n + trailing));
-            ASSERT_EQ(back, bytes_of(framed(row, leading, trailing), c.size));
+            ASSERT_EQ(back, bytes_of(row, c.size, leading, trailing));
         }
     }
 }
@@ -191,19 +193,16 @@ TEST(RlaDecode, BlocksMatchTheReferenceDecoder) {
             Values expect;
             const bool ok = ref_decode(block, n, c.size, expect);
             ASSERT_EQ(decode(c, block, static_cast<int>(n), 2, 1, row), ok ? static_cast<int>(n) + 3 : 0);
-            ASSERT_EQ(row, bytes_of(framed(ok ? expect : Values(n), 2, 1), c.size));
+            ASSERT_EQ(row, bytes_of(ok ? expect : Values(n), c.size, 2, 1));
             // Where the processor has wide vectors, the portable byte path is not the
             // one above: run it on its own.
             if (c.size != 1) continue;
             Bytes plane(n + 64, kCanary);
-            std::unique_ptr<uint8_t[]> exact(new uint8_t[block.size() + 1]);
-            std::copy(block.begin(), block.end(), exact.get());
+            const auto exact = exact_copy(block);
             const uint8_t *end = exact.get() + block.size();
             ASSERT_EQ(pxf::rla::decode_byte_plane_portable(exact.get(), end, plane.data(), n) == end, ok);
             ASSERT_EQ(std::count(plane.begin() + n, plane.end(), kCanary), 64);
-            if (ok) {
-                ASSERT_EQ(Bytes(plane.begin(), plane.begin() + n), bytes_of(expect, 1));
-            }
+            ASSERT_TRUE(!ok || Bytes(plane.begin(), plane.begin() + n) == bytes_of(expect, 1));
         }
     }
 }

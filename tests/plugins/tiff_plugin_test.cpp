@@ -2,15 +2,16 @@
 // read back by libtiff.
 #include <tiffio.h>
 
-#include <cstring>
+#include <cmath>
 
-#include <gtest/gtest.h>
-
+#include "core/core_test_util.h"
 #include "plugin_host.h"
-#include "support/test_support.h"
+#include "support/elements.h"
 
 namespace pxf::test {
 namespace {
+
+using TiffDriver = DriverTest;
 
 double sample(int s, int x, int y, int bits, bool is_float) {
     if (is_float) return (x + 3 * y + 11 * s) * 0.125 - 2.0;  // also outside 0..1
@@ -24,14 +25,13 @@ struct Reference {
     bool is_float;
     int photometric;
     std::vector<uint16_t> extras;  // EXTRASAMPLE_ codes
-    int planar;
-    int compression;
+    int planar, compression;
     const char *compression_text;
 };
 
 void write_reference(const std::string &path, const Reference &r, int width, int height) {
-    int colours = r.photometric == PHOTOMETRIC_RGB ? 3 : 1;
-    int spp = colours + int(r.extras.size()), bytes = r.bits / 8;
+    const int spp = (r.photometric == PHOTOMETRIC_RGB ? 3 : 1) + int(r.extras.size());
+    const bool planes = r.planar == PLANARCONFIG_SEPARATE;
     TIFF *tif = TIFFOpen(path.c_str(), "w");
     ASSERT_NE(tif, nullptr);
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(width));
@@ -44,35 +44,18 @@ void write_reference(const std::string &path, const Reference &r, int width, int
     TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(r.compression));
     TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 3u);
     if (!r.extras.empty()) TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(r.extras.size()), r.extras.data());
-    std::vector<unsigned char> row(std::size_t(width * spp * bytes));
-    auto put = [&](unsigned char *at, double v) {
-        if (r.is_float) { float f = float(v); std::memcpy(at, &f, 4); }
-        else if (bytes == 1) *at = uint8_t(v);
-        else if (bytes == 2) { uint16_t w = uint16_t(v); std::memcpy(at, &w, 2); }
-        else { uint32_t w = uint32_t(v); std::memcpy(at, &w, 4); }
-    };
-    if (r.planar == PLANARCONFIG_SEPARATE) {
-        for (int s = 0; s < spp; ++s)
-            for (int y = 0; y < height; ++y) {
-                for (int x = 0; x < width; ++x) put(&row[std::size_t(x * bytes)], sample(s, x, y, r.bits, r.is_float));
-                ASSERT_GE(TIFFWriteScanline(tif, row.data(), uint32_t(y), uint16_t(s)), 0);
-            }
-    } else {
+    const PXF_CHAN_GROUP g{nullptr, spp, r.is_float ? PXF_C_FLOAT : PXF_C_INTEGER, r.bits, 0};
+    std::vector<uint32_t> row(width * spp * r.bits / 32 + 1);  // host order, as libtiff expects
+    for (int plane = 0; plane < (planes ? spp : 1); ++plane)
         for (int y = 0; y < height; ++y) {
-            for (int x = 0; x < width; ++x)
-                for (int s = 0; s < spp; ++s)
-                    put(&row[std::size_t((x * spp + s) * bytes)], sample(s, x, y, r.bits, r.is_float));
-            ASSERT_GE(TIFFWriteScanline(tif, row.data(), uint32_t(y), 0), 0);
+            for (int i = 0; i < width * (planes ? 1 : spp); ++i) {
+                const double v = planes ? sample(plane, i, y, r.bits, r.is_float) : sample(i % spp, i / spp, y, r.bits, r.is_float);
+                element(row.data(), i, g, &v);
+            }
+            ASSERT_GE(TIFFWriteScanline(tif, row.data(), uint32_t(y), uint16_t(plane)), 0);
         }
-    }
     TIFFClose(tif);
 }
-
-class TiffDriver : public ::testing::Test {
-protected:
-    void SetUp() override { load_drivers(); }
-    TempDir dir;
-};
 
 TEST_F(TiffDriver, ReadsLibtiffFilesOfEveryDepthLayoutAndCompression) {
     const uint16_t alpha = EXTRASAMPLE_UNASSALPHA, other = EXTRASAMPLE_UNSPECIFIED;
@@ -86,140 +69,87 @@ TEST_F(TiffDriver, ReadsLibtiffFilesOfEveryDepthLayoutAndCompression) {
          "PackBits"},
         {"extra before alpha", 8, false, PHOTOMETRIC_RGB, {other, alpha}, PLANARCONFIG_CONTIG, COMPRESSION_LZW, "LZW"},
     };
-    const int w = 19, h = 7;
     for (const Reference &r : refs) {
         SCOPED_TRACE(r.name);
-        std::string path = dir.file("ref.tif");
-        write_reference(path, r, w, h);
+        write_reference(dir.file("ref.tif"), r, 19, 7);
         Pixels p;
-        ASSERT_TRUE(read_image(path, nullptr, p));
-        int colours = r.photometric == PHOTOMETRIC_RGB ? 3 : 1;
-        std::vector<int> file_sample;  // caller's channel -> file sample
-        for (int s = 0; s < colours; ++s) file_sample.push_back(s);
-        for (std::size_t e = 0; e < r.extras.size(); ++e)
-            if (r.extras[e] != other) file_sample.push_back(colours + int(e));
-        int mattes = int(file_sample.size()) - colours;
-        for (std::size_t e = 0; e < r.extras.size(); ++e)
-            if (r.extras[e] == other) file_sample.push_back(colours + int(e));
-        EXPECT_EQ(p.chan.count, colours);
-        EXPECT_EQ(p.matte.count, mattes);
-        EXPECT_EQ(p.aux.count, int(r.extras.size()) - mattes);
-        EXPECT_EQ(p.chan.type, r.is_float ? PXF_C_FLOAT : PXF_C_INTEGER);
-        EXPECT_EQ(p.chan.width, r.bits);
+        ASSERT_TRUE(read_image(dir.file("ref.tif"), nullptr, p));
+        const int colours = r.photometric == PHOTOMETRIC_RGB ? 3 : 1;
+        std::vector<int> file_sample;  // our channel -> file sample: colours, then mattes, then the rest
+        for (int s = 0; s < colours + int(r.extras.size()); ++s)
+            if (s < colours || r.extras[s - colours] != other) file_sample.push_back(s);
+        const int mattes = int(file_sample.size()) - colours;
+        for (int s = colours; s < colours + int(r.extras.size()); ++s)
+            if (r.extras[s - colours] == other) file_sample.push_back(s);
+        EXPECT_EQ(std::vector<int>({p.chan.count, p.matte.count, p.aux.count, p.chan.type, p.chan.width}),
+                  std::vector<int>({colours, mattes, int(r.extras.size()) - mattes, r.is_float ? PXF_C_FLOAT : PXF_C_INTEGER, r.bits}));
         EXPECT_EQ(p.compression, r.compression_text);
         ASSERT_EQ(p.values.size(), file_sample.size());
-        int wrong = 0;
-        for (std::size_t c = 0; c < p.values.size(); ++c)
-            for (int y = 0; y < h; ++y)
-                for (int x = 0; x < w; ++x)
-                    wrong += p.values[c][std::size_t(y * w + x)] != sample(file_sample[c], x, y, r.bits, r.is_float);
-        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(p.mismatches([&](int c, int x, int y) { return sample(file_sample[c], x, y, r.bits, r.is_float); }), 0);
     }
 }
 
-char compression_choice[16];
-void choose_compression(PXF_INFO &info) { info.compression = compression_choice; }
+const char *compression_choice;
+void choose_compression(PXF_INFO &info) { set_text(info.compression, compression_choice); }
 
 TEST_F(TiffDriver, WritesEachCompressionForLibtiffWithExtraChannels) {
-    Pixels in;
-    in.width = 13, in.height = 5;
-    in.chan = {nullptr, 3, PXF_C_INTEGER, 16, 0};
-    in.matte = {nullptr, 1, PXF_C_INTEGER, 16, 0};
-    in.aux = {nullptr, 2, PXF_C_INTEGER, 16, 0};
-    in.values.assign(6, std::vector<double>(65));
-    for (int c = 0; c < 6; ++c)
-        for (int i = 0; i < 65; ++i) in.values[std::size_t(c)][std::size_t(i)] = sample(c, i % 13, i / 13, 16, false);
-    const struct {
-        const char *option;
-        int code;
-    } choices[] = {{"none", COMPRESSION_NONE}, {"lzw", COMPRESSION_LZW}, {"deflate", COMPRESSION_ADOBE_DEFLATE},
-                   {"packbits", COMPRESSION_PACKBITS}};
-    for (const auto &choice : choices) {
-        SCOPED_TRACE(choice.option);
-        std::strcpy(compression_choice, choice.option);
-        std::string path = dir.file("out.tif");
-        ASSERT_TRUE(write_image(path, "tiff", in, choose_compression));
-        TIFF *tif = TIFFOpen(path.c_str(), "r");
+    const Pixels in(13, 5, 3, 1, 2, PXF_C_INTEGER, 16, [](int c, int x, int y) { return sample(c, x, y, 16, false); });
+    const std::pair<const char *, int> choices[] = {{"none", COMPRESSION_NONE}, {"lzw", COMPRESSION_LZW},
+        {"deflate", COMPRESSION_ADOBE_DEFLATE}, {"packbits", COMPRESSION_PACKBITS}};
+    for (const auto &[option, code] : choices) {
+        SCOPED_TRACE(option);
+        compression_choice = option;
+        ASSERT_TRUE(write_image(dir.file("out.tif"), "tiff", in, choose_compression));
+        TIFF *tif = TIFFOpen(dir.file("out.tif").c_str(), "r");
         ASSERT_NE(tif, nullptr);
         uint16_t compression = 0, spp = 0, bps = 0, count = 0, *extras = nullptr;
         TIFFGetField(tif, TIFFTAG_COMPRESSION, &compression);
         TIFFGetField(tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
         TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &bps);
         TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &count, &extras);
-        EXPECT_EQ(compression, choice.code);
-        EXPECT_EQ(spp, 6);
-        EXPECT_EQ(bps, 16);
-        ASSERT_EQ(count, 3);
-        EXPECT_EQ(extras[0], EXTRASAMPLE_UNASSALPHA);
-        EXPECT_EQ(extras[1], EXTRASAMPLE_UNSPECIFIED);
+        EXPECT_EQ(std::vector<int>({compression, spp, bps, count}), std::vector<int>({code, 6, 16, 3}));
+        ASSERT_GE(count, 2);
+        EXPECT_EQ(extras[0] * 10 + extras[1], EXTRASAMPLE_UNASSALPHA * 10 + EXTRASAMPLE_UNSPECIFIED);
         std::vector<uint16_t> row(13 * 6);
         int wrong = 0;
         for (int y = 0; y < 5; ++y) {
             ASSERT_GE(TIFFReadScanline(tif, row.data(), uint32_t(y), 0), 0);
-            for (int x = 0; x < 13; ++x)
-                for (int s = 0; s < 6; ++s) wrong += row[std::size_t(x * 6 + s)] != sample(s, x, y, 16, false);
+            for (int i = 0; i < 13 * 6; ++i) wrong += row[i] != sample(i % 6, i / 6, y, 16, false);
         }
         EXPECT_EQ(wrong, 0);
         TIFFClose(tif);
     }
     ReportCapture reports;
-    std::strcpy(compression_choice, "jpeg2000");
+    compression_choice = "jpeg2000";
     EXPECT_FALSE(write_image(dir.file("bad.tif"), "tiff", in, choose_compression));
     EXPECT_NE(reports.last().find("jpeg2000"), std::string::npos);
 }
 
+// Mixed groups are stored as float, and float files are linear: encoded
+// integer colour is decoded on the way.
 TEST_F(TiffDriver, MixedGroupsAreStoredAsLinearFloat) {
-    Pixels in;
-    in.width = 2, in.height = 1, in.gamma = 1.0f;
-    in.chan = {nullptr, 1, PXF_C_INTEGER, 8, 0};
-    in.matte = {nullptr, 0, PXF_C_INTEGER, 8, 0};
-    in.aux = {nullptr, 1, PXF_C_FLOAT, 32, 0};
-    in.values = {{255, 51}, {7.5, -1}};
-    std::string path = dir.file("mixed.tif");
-    ASSERT_TRUE(write_image(path, "tiff", in));
-    Pixels back;
-    ASSERT_TRUE(read_image(path, nullptr, back));
-    EXPECT_EQ(back.chan.type, PXF_C_FLOAT);
-    EXPECT_FLOAT_EQ(float(back.values[0][0]), 1.0f);
-    EXPECT_FLOAT_EQ(float(back.values[0][1]), 0.2f);
-    EXPECT_EQ(back.values[1][0], 7.5);
-    EXPECT_EQ(back.values[1][1], -1);
-    EXPECT_EQ(back.gamma, 1.0f);
-
-    // Encoded integer colour is decoded: float files are linear.
-    in.gamma = 2.0f;
-    ASSERT_TRUE(write_image(path, "tiff", in));
-    ASSERT_TRUE(read_image(path, nullptr, back));
-    EXPECT_FLOAT_EQ(float(back.values[0][1]), 0.04f);
-    EXPECT_EQ(back.values[1][0], 7.5);
+    Pixels in(2, 1, 1, 0, 1, PXF_C_INTEGER, 8, [](int c, int x, int) { return c ? (x ? -1 : 7.5) : (x ? 51 : 255); });
+    in.aux.type = PXF_C_FLOAT, in.aux.width = 32;
+    for (float gamma : {1.0f, 2.0f}) {
+        in.gamma = gamma;
+        Pixels back;
+        ASSERT_TRUE(write_image(dir.file("mixed.tif"), "tiff", in));
+        ASSERT_TRUE(read_image(dir.file("mixed.tif"), nullptr, back));
+        EXPECT_EQ(back.chan.type, PXF_C_FLOAT);
+        EXPECT_EQ(back.gamma, 1.0f);
+        EXPECT_FLOAT_EQ(float(back.values[0][0]), 1.0f);
+        EXPECT_FLOAT_EQ(float(back.values[0][1]), std::pow(0.2f, gamma));
+        EXPECT_EQ(back.values[1], (std::vector<double>{7.5, -1}));
+    }
 }
 
 TEST_F(TiffDriver, DamagedFilesAreReportedNotFatal) {
-    Reference r{"ref", 8, false, PHOTOMETRIC_RGB, {}, PLANARCONFIG_CONTIG, COMPRESSION_LZW, "LZW"};
-    std::string good = dir.file("good.tif");
-    write_reference(good, r, 64, 64);
-    std::string bytes = read_file(good);
+    write_reference(dir.file("good.tif"), {"ref", 8, false, PHOTOMETRIC_RGB, {}, PLANARCONFIG_CONTIG, COMPRESSION_LZW, "LZW"}, 64, 64);
+    const std::string bytes = read_file(dir.file("good.tif"));
     std::string scrambled = bytes;
     for (std::size_t i = 8; i < scrambled.size() / 2; ++i) scrambled[i] = char(scrambled[i] ^ 0x5a);
-    struct Case {
-        const char *name;
-        std::string contents;
-    } cases[] = {
-        {"cut short", bytes.substr(0, bytes.size() / 3)},
-        {"header only", bytes.substr(0, 8)},
-        {"scrambled strips", scrambled},
-        {"not a TIFF", "II*\0garbage"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string path = dir.file("bad.tif");
-        write_file(path, c.contents);
-        ReportCapture reports;
-        Pixels p;
-        EXPECT_FALSE(read_image(path, "tiff", p));
-        ASSERT_FALSE(reports.reports().empty());
-        EXPECT_NE(reports.reports().front().text.find(path), std::string::npos) << reports.reports().front().text;
-    }
+    expect_damage_reported(dir.file("bad.tif"), "tiff",
+                           {bytes.substr(0, bytes.size() / 3), bytes.substr(0, 8), scrambled, "II*\0garbage"});
 }
 
 }  // namespace
