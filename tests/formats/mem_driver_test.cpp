@@ -2,16 +2,13 @@
 // writer and its readers, and the list of open writers.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <numeric>
-#include <random>
 #include <string>
-#include <vector>
 
 #include <pxf/pxf.h>
 
 #include "core/core_test_util.h"
+#include "pattern_io.h"
 #include "support/test_support.h"
 
 namespace {
@@ -31,40 +28,17 @@ protected:
 };
 
 TEST_F(Memory, EveryWidthRoundTripsInRandomRowOrder) {
-    std::mt19937 random(7);
-    const int width = 13, height = 11, channels = 3 + 1 + 2;
+    std::mt19937 rng(7);
     for (auto [type, bits] : {std::pair{PXF_C_INTEGER, 8}, {PXF_C_INTEGER, 12}, {PXF_C_INTEGER, 16},
                               {PXF_C_INTEGER, 32}, {PXF_C_FLOAT, 32}}) {
         SCOPED_TRACE(testing::Message() << type << "/" << bits);
-        PXF_IMAGE_DESC d = describe(width, height, 3, bits, 1, 2, type);
+        PXF_IMAGE_DESC d = describe(13, 11, 3, bits, 1, 2, type);
         const std::string name = "round-trip-" + std::to_string(type) + "-" + std::to_string(bits);
         PXF_IMAGE *out = open(name.c_str(), "w", &d);
-        ASSERT_NE(out, nullptr);
-        const std::size_t row_bytes = width * (bits <= 8 ? 1 : bits <= 16 ? 2 : 4);
-        std::vector<std::vector<uint8_t>> expected(height * channels, std::vector<uint8_t>(row_bytes));
-        std::vector<int> order(height);
-        std::iota(order.begin(), order.end(), 0);
-        std::shuffle(order.begin(), order.end(), random);
-        void **rows = pxf__chan_alloc(&d, width, "test");
-        for (int line : order) {
-            for (int c = 0; c < channels; ++c) {
-                auto &bytes = expected[line * channels + c];
-                std::generate(bytes.begin(), bytes.end(), [&] { return uint8_t(random()); });
-                std::memcpy(rows[c], bytes.data(), row_bytes);
-            }
-            ASSERT_EQ(PXF_scan_write(out, line, &rows), 0);
-        }
-        pxf__chan_free(rows);
+        ASSERT_TRUE(out && write_pattern(out, &rng));
         PXF_IMAGE *in = open(name.c_str(), "r");
         ASSERT_NE(in, nullptr);
-        std::shuffle(order.begin(), order.end(), random);
-        for (int line : order) {
-            void **got = nullptr;
-            ASSERT_EQ(PXF_scan_read(in, line, &got), 0);
-            for (int c = 0; c < channels; ++c)
-                ASSERT_EQ(std::memcmp(got[c], expected[line * channels + c].data(), row_bytes), 0)
-                    << "line " << line << " channel " << c;
-        }
+        expect_pattern(in, true, rng);
         EXPECT_EQ(PXF_close(in), 0);
         EXPECT_EQ(PXF_close(out), 0);
     }

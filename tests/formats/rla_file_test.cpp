@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +18,7 @@
 #include <pxf/rla.h>
 
 #include "core/core_test_util.h"
-#include "support/elements.h"
+#include "pattern_io.h"
 #include "support/test_support.h"
 
 namespace {
@@ -43,15 +42,6 @@ PXF_IMAGE_DESC image_desc(int width, int height, int channels, int type, int bit
     return d;
 }
 
-// Test pixels: runs and literals mixed, every bit of the width used.
-double pixel(int image, int c, int x, int y, const PXF_CHAN_GROUP &g) {
-    uint64_t v = (x / 6) % 3 == 0 ? uint64_t(y * 977 + c * 131 + image * 17)
-                                  : uint64_t(x) * 2654435761u ^ uint64_t(y) * 40503u ^ uint64_t(c * 7 + image);
-    if (g.type == PXF_C_FLOAT) return float(int64_t(v % 200001) - 100000) / 64.0f;
-    if (g.type == PXF_C_DOUBLE) return double(int64_t(v % 2000001) - 1000000) / 3.0;
-    return double(g.width >= 32 ? (v * 0x9E3779B1u) & 0xffffffffu : v & ((uint64_t(1) << g.width) - 1));
-}
-
 class RlaFile : public Numbered {
 protected:
     void SetUp() override {
@@ -63,55 +53,19 @@ protected:
         return request_.set(key, path.c_str(), images_.data(), int(images_.size())).open(mode);
     }
 
-    // Writes every scanline of every image described.
+    // Writes the pattern to every image described.
     bool write(const std::string &path) {
         PXF_IMAGE *image = open(path, "w");
-        bool ok = image != nullptr;
-        for (int i = 0; ok && i < image->info.num_images; ++i) {
-            PXF_IMAGE_DESC d = image->info.images[i];
-            void **rows = pxf__chan_alloc(&d, d.window.right - d.window.left + 1, "test");
-            for (int y = d.window.bottom; ok && y <= d.window.top; ++y) {
-                for (int c = 0; c < d.chan.count + d.matte.count + d.aux.count; ++c)
-                    for (int x = 0; x <= d.window.right - d.window.left; ++x) {
-                        const double v = pixel(i, c, x, y, group_of(d, c));
-                        element(rows[c], x, group_of(d, c), &v);
-                    }
-                void **r = rows;
-                ok = image->scan(image->private_data[i], y, &r, image->private_data) == 0;
-            }
-            pxf__chan_free(rows);
-        }
+        const bool ok = image && write_pattern(image);
         return image && PXF_close(image) == 0 && ok;
     }
-
-    // Reads every scanline of every image in a scrambled order, into the
-    // caller's rows or the reader's own, and compares every element with
-    // what write() stored (zero outside the active window).
     void expect_read_back(const std::string &path, bool own_rows) {
         PXF_IMAGE *image = open(path, "r", nullptr);
         ASSERT_NE(image, nullptr);
         ASSERT_EQ(image->info.num_images, int(images_.size()));
+        for (int i = 0; i < image->info.num_images; ++i) EXPECT_EQ(image->info.images[i].image_kind, i == 0 ? 1 : 2);
         std::mt19937 rng(7);
-        for (int i = 0; i < image->info.num_images; ++i) {
-            PXF_IMAGE_DESC d = image->info.images[i];
-            EXPECT_EQ(d.image_kind, i == 0 ? 1 : 2);
-            const PXF_BOUNDS &w = d.window, &a = d.active_window;
-            void **buffer = pxf__chan_alloc(&d, w.right - w.left + 1, "test");
-            std::vector<int> lines;
-            for (int y = w.bottom; y <= w.top; ++y) lines.push_back(y);
-            std::shuffle(lines.begin(), lines.end(), rng);
-            for (int y : lines) {
-                void **rows = own_rows ? nullptr : buffer;
-                ASSERT_EQ(image->scan(image->private_data[i], y, &rows, image->private_data), 0) << "line " << y;
-                for (int c = 0; c < d.chan.count + d.matte.count + d.aux.count; ++c)
-                    for (int x = 0; x <= w.right - w.left; ++x) {
-                        bool active = x + w.left >= a.left && x + w.left <= a.right && y >= a.bottom && y <= a.top;
-                        ASSERT_EQ(element(rows[c], x, group_of(d, c)), active ? pixel(i, c, x, y, group_of(d, c)) : 0.0)
-                            << "image " << i << " channel " << c << " x " << x << " y " << y;
-                    }
-            }
-            pxf__chan_free(buffer);
-        }
+        expect_pattern(image, own_rows, rng);
         EXPECT_EQ(PXF_close(image), 0);
     }
 
