@@ -207,17 +207,9 @@ TEST(RlaDecode, BlocksMatchTheReferenceDecoder) {
     }
 }
 
-TEST(RlaDecode, BadArgumentsWriteNothing) {
-    const Bytes block{0, 1};
-    Bytes dest(8, kCanary);
-    EXPECT_EQ(rla__dec_byte(block.data(), -1, dest.data(), 1, 0, 0), 0);
-    EXPECT_EQ(rla__dec_byte(block.data(), 2, dest.data(), -1, 0, 0), 0);
-    EXPECT_EQ(rla__dec_short(block.data(), 2, dest.data(), 1, 0, -1), 0);
-    EXPECT_EQ(rla__dec_word(block.data(), 2, dest.data(), 1, UINT_MAX, 0), 0);
-    EXPECT_EQ(dest, Bytes(8, kCanary));
-}
-
-TEST(RlaCodec, FloatAndDoubleAreStoredAsTheyStand) {
+// Float and double rows are stored as they stand; inactive elements are
+// cleared exactly; bad arguments write nothing.
+TEST(RlaCodec, UnpackedElementsAndBadArguments) {
     const double d[] = {1.5, -0.25, 1e300};
     const Bytes raw(reinterpret_cast<const uint8_t *>(d), reinterpret_cast<const uint8_t *>(d + 3)), zero(8, 0);
     Bytes row;
@@ -226,16 +218,19 @@ TEST(RlaCodec, FloatAndDoubleAreStoredAsTheyStand) {
     EXPECT_EQ(row, zero + raw + zero);
     EXPECT_EQ(decode(kFloat, raw, 5, 0, 0, row), 0);  // the block must hold exactly the elements asked for
     EXPECT_EQ(decode(kFloat, raw, 6, 0, 0, row), 6);
-}
-
-TEST(RlaInactive, ClearExactlyTheElementsAsked) {
-    const std::pair<RLA_INACT_DECODER, size_t> cases[] = {{rla__inact_dec_byte, 1}, {rla__inact_dec_short, 2},
+    const std::pair<RLA_INACT_DECODER, size_t> inactive[] = {{rla__inact_dec_byte, 1}, {rla__inact_dec_short, 2},
         {rla__inact_dec_word, 4}, {rla__inact_dec_float, 4}, {rla__inact_dec_double, 8}};
-    for (const auto &[fn, size] : cases) {
-        Bytes row(40, kCanary);
+    for (const auto &[fn, size] : inactive) {
+        row.assign(40, kCanary);
         EXPECT_EQ(fn(row.data(), 3), 0);
         EXPECT_EQ(row, Bytes(3 * size, 0) + Bytes(40 - 3 * size, kCanary));
     }
+    row.assign(8, kCanary);
+    EXPECT_EQ(rla__dec_byte(raw.data(), -1, row.data(), 1, 0, 0), 0);
+    EXPECT_EQ(rla__dec_byte(raw.data(), 2, row.data(), -1, 0, 0), 0);
+    EXPECT_EQ(rla__dec_short(raw.data(), 2, row.data(), 1, 0, -1), 0);
+    EXPECT_EQ(rla__dec_word(raw.data(), 2, row.data(), 1, UINT_MAX, 0), 0);
+    EXPECT_EQ(row, Bytes(8, kCanary));
 }
 
 }  // namespace
