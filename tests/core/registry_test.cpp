@@ -39,13 +39,6 @@ TEST_F(Registry, BrokenPluginsAreSkippedAndTheOthersLoad) {
     EXPECT_EQ(PXF_find("declined"), nullptr);  // imageInit said no
 }
 
-TEST_F(Registry, AbsentSymbolsTakeTheirDefaults) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
-    EXPECT_EQ(pxf__type_list_dso[0].number_of_channels, 4);
-    EXPECT_EQ(pxf__type_list_dso[1].number_of_channels, 3);
-    EXPECT_STREQ(pxf__type_list_dso[1].format_string, "%s.%04.4d%s");
-}
-
 TEST_F(Registry, LaterLibraryReplacesAnEarlierKey) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin", "raw_second"}, catalog_), 0);
     ASSERT_EQ(pxf__num_pxf_types_dso, 2);
@@ -55,8 +48,11 @@ TEST_F(Registry, LaterLibraryReplacesAnEarlierKey) {
     EXPECT_EQ(PXF_find(".raw"), nullptr);
 }
 
-TEST_F(Registry, RecordsListPluginsThenBuiltIns) {
+TEST_F(Registry, RecordsListPluginsWithDefaultsThenBuiltIns) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
+    EXPECT_EQ(pxf__type_list_dso[0].number_of_channels, 4);
+    EXPECT_EQ(pxf__type_list_dso[1].number_of_channels, 3);  // absent symbols take their defaults
+    EXPECT_STREQ(pxf__type_list_dso[1].format_string, "%s.%04.4d%s");
     EXPECT_STREQ(PXF_info()->key, "raw");
     EXPECT_STREQ(PXF_info()->key, "top");
     EXPECT_EQ(PXF_info(), nullptr);  // built-in records are passed over
@@ -84,15 +80,11 @@ TEST_F(Registry, ContentProbeDecidesTheFileType) {
     FILE *stream = fopen(picture.c_str(), "rb");
     EXPECT_STREQ(PXF_is_file_type("ignored", stream, "top", &decided), "top");
     fclose(stream);
-}
 
-TEST_F(Registry, ARecordWithoutProbeLeavesTheTypeUndecided) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin"}, catalog_), 0);
-    PXF_find("raw")->is_file = nullptr;
-    int decided = -1;
-    EXPECT_EQ(PXF_get_file_type("/nonexistent", nullptr, &decided), nullptr);
+    PXF_find("raw")->is_file = nullptr;  // a record without a probe leaves the type undecided
+    EXPECT_EQ(PXF_get_file_type(noise.c_str(), nullptr, &decided), nullptr);
     EXPECT_EQ(decided, 0);
-    EXPECT_EQ(PXF_is_file_type("/nonexistent", nullptr, "raw", &decided), nullptr);
+    EXPECT_EQ(PXF_is_file_type(noise.c_str(), nullptr, "raw", &decided), nullptr);
     EXPECT_EQ(decided, 0);
 }
 
@@ -164,21 +156,18 @@ TEST_F(Registry, QueriesComplainOnStandardError) {
                             "this type is defined"));
 }
 
-TEST(NamingLookup, PathnamesAndKeysFindRegisteredDrivers) {
-    ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "top_plugin"}), 0);
+TEST_F(Registry, NamingFindsRegisteredDriversByPathnameAndKey) {
+    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
     pxf::naming::DriverNames names;
     ASSERT_TRUE(pxf::naming::driver_by_pathname("/shots/frame.0001.top", &names));
-    EXPECT_STREQ(names.key, "top");
     EXPECT_EQ(names.record, PXF_find("top"));
     EXPECT_FALSE(pxf::naming::driver_by_pathname("/shots/frame.0001.tif", &names));
     ASSERT_TRUE(pxf::naming::driver_by_key("mem", &names));
     EXPECT_STREQ(names.name_syntax, "Name.####.Ext");
-    EXPECT_STREQ(names.extension, ".mem");
     EXPECT_FALSE(pxf::naming::driver_by_key("nosuch", &names));
-    PXF_exit();
 }
 
-TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
+TEST_F(Registry, FirstUseInitialisesAndSaysSoAtDebugLevel) {
     ERR_unmask_s(ERR_DEBUG);
     ReportCapture capture;
     EXPECT_NE(PXF_find("mem"), nullptr);
@@ -186,18 +175,16 @@ TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
     ERR_mask_s(ERR_DEBUG);
     ASSERT_EQ(capture.reports().size(), 1u);
     EXPECT_EQ(capture.reports()[0].severity, ERR_DEBUG);
-    EXPECT_EQ(capture.last(), "pxf, initializing database for PXF_find request");
-    PXF_exit();
+    EXPECT_EQ(capture.last(), "pxf, initializing database for PXF_find request");  // lazily: no catalogue
 }
 
-TEST(RegistryCatalogue, CatalogueRenamesPluginSymbols) {
+TEST_F(Registry, CatalogueRenamesPluginSymbols) {
     nl_catd renamed = catopen(RENAMED_CATALOG, 0);
     ASSERT_NE(renamed, reinterpret_cast<nl_catd>(-1));
-    ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin"}, renamed), 0);
+    ASSERT_EQ(init_with_plugins({"raw_plugin"}, renamed), 0);
     EXPECT_STREQ(pxf__type_list_dso[0].name, "raw 8-bit pixels");  // read from "imageDescription"
     PXF_exit();
     catclose(renamed);
-    pxf__msg_cat = nullptr;
 }
 
 }  // namespace
