@@ -169,12 +169,7 @@ TEST_F(Open, TopDownRoundTripByKeyThenSeeks) {
     EXPECT_EQ(PXF_close(in), 0);
 }
 
-int seen_line = -100;
-int own_seek(void *, int line) {
-    seen_line = line;
-    pxf__err = -7;
-    return 0;
-}
+int own_seek(void *, int line) { return (pxf__err = -line), 0; }
 
 TEST_F(Open, DriverSeekAndRandomAccessNeedNoReopen) {
     desc_ = describe(4, 4, 3, 8);
@@ -184,8 +179,7 @@ TEST_F(Open, DriverSeekAndRandomAccessNeedNoReopen) {
     EXPECT_EQ(PXF_seek(&in, 0), 0);
     EXPECT_EQ(in, before);
     in->seek = own_seek;
-    EXPECT_EQ(PXF_seek(&in, 3), -7);
-    EXPECT_EQ(seen_line, 3);
+    EXPECT_EQ(PXF_seek(&in, 3), -3);  // the driver's answer
     PXF_close(in);
     PXF_close(out);
 }
