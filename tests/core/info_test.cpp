@@ -8,6 +8,7 @@
 
 #include <pxf/pxf.h>
 
+#include "core/core_util.h"
 #include "core_test_util.h"
 #include "foundation/alloc.h"
 #include "support/test_support.h"
@@ -79,35 +80,30 @@ TEST(ChannelBuffer, SizeFollowsWidthAndIndexOnlyWithoutColour) {
     }
 }
 
-struct GroupFault {
-    PXF_CHAN_GROUP PXF_IMAGE_DESC::*group;
-    int type, width, number;
-    const char *text;
-};
-
 TEST_F(CatalogueTest, EveryGroupFaultHasItsNumber) {
-    const GroupFault faults[] = {
-        {&PXF_IMAGE_DESC::chan, 0, 8, 72, "drv cannot handle image channel type"},
-        {&PXF_IMAGE_DESC::chan, PXF_C_INTEGER, 33, 73, "drv cannot handle image channel width"},
-        {&PXF_IMAGE_DESC::matte, 4, 8, 79, "drv cannot handle matte channel type"},
-        {&PXF_IMAGE_DESC::matte, PXF_C_INTEGER, 40, 80, "drv cannot handle matte channel width"},
-        {&PXF_IMAGE_DESC::aux, 0, 8, 70, "drv cannot handle auxiliary channel type"},
-        {&PXF_IMAGE_DESC::aux, PXF_C_INTEGER, 33, 71, "drv cannot handle auxiliary channel width"},
-        {&PXF_IMAGE_DESC::index, PXF_C_FLOAT, 16, 132, "drv cannot handle color index channel type"},
-        {&PXF_IMAGE_DESC::index, PXF_C_INTEGER, 17, 133, "drv cannot handle color index channel width"},
+    struct Group {
+        PXF_CHAN_GROUP PXF_IMAGE_DESC::*member;
+        const char *name;
+        int bad_type, bad_width, type_number;  // the width's number follows the type's
     };
-    for (const GroupFault &f : faults) {
-        PXF_IMAGE_DESC d = describe(4, 1, 1, 8);
-        (d.*f.group).type = f.type;
-        (d.*f.group).width = f.width;
-        ReportCapture capture;
-        pxf__err = 0;
-        EXPECT_EQ(pxf__chan_alloc(&d, 4, "drv"), nullptr) << f.number;
-        EXPECT_EQ(pxf__err, PXF_E_CANNOT_DO);
-        EXPECT_EQ(capture.last(), numbered(f.number, f.text));
-        ASSERT_EQ(capture.reports().size(), 1u);
-        EXPECT_EQ(capture.reports()[0].severity, ERR_ERROR);
-    }
+    const Group groups[] = {{&PXF_IMAGE_DESC::chan, "image", 0, 33, 72},
+                            {&PXF_IMAGE_DESC::matte, "matte", 4, 40, 79},
+                            {&PXF_IMAGE_DESC::aux, "auxiliary", 0, 33, 70},
+                            {&PXF_IMAGE_DESC::index, "color index", PXF_C_FLOAT, 17, 132}};
+    for (const Group &g : groups)
+        for (int width : {0, 1}) {
+            PXF_IMAGE_DESC d = describe(4, 1, 1, 8);
+            if (width) (d.*g.member).width = g.bad_width;
+            else (d.*g.member).type = g.bad_type;
+            ReportCapture capture;
+            pxf__err = 0;
+            EXPECT_EQ(pxf__chan_alloc(&d, 4, "drv"), nullptr) << g.name;
+            EXPECT_EQ(pxf__err, PXF_E_CANNOT_DO);
+            ASSERT_EQ(capture.reports().size(), 1u);
+            EXPECT_EQ(capture.reports()[0].severity, ERR_ERROR);
+            EXPECT_EQ(capture.last(), numbered(g.type_number + width, std::string("drv cannot handle ") + g.name +
+                                                                          (width ? " channel width" : " channel type")));
+        }
 }
 
 TEST(ChannelBuffer, OutOfMemorySetsCodeWithoutMessage) {
@@ -185,11 +181,6 @@ TEST_F(CatalogueTest, SettingsCompareInOrder) {
               numbered(92, "Unknown type-specific capability code (7) specified when trying to open image file"));
 }
 
-void free_list(PXF_CAP_SETTING **list) {
-    for (PXF_CAP_SETTING **s = list; s && *s; ++s) free(*s);
-    free(list);
-}
-
 TEST(Settings, CopyIsDeepAndStopsWhereMemoryEnds) {
     Settings a{{0, 3}, {1, 0.5}, {0, 9}};
     PXF_CAP_SETTING **copy = PXF_cap_setting_copy(a.get());
@@ -197,7 +188,7 @@ TEST(Settings, CopyIsDeepAndStopsWhereMemoryEnds) {
     EXPECT_NE(copy[0], a.get()[0]);
     EXPECT_TRUE(PXF_cap_setting_compare(copy, a.get()));
     EXPECT_EQ(copy[3], nullptr);
-    free_list(copy);
+    pxf::free_settings(copy);
 
     ReportCapture capture;
     pxf::fault::arm(3);  // the list and the first setting succeed
@@ -207,7 +198,7 @@ TEST(Settings, CopyIsDeepAndStopsWhereMemoryEnds) {
     EXPECT_NE(copy[0], nullptr);
     EXPECT_EQ(copy[1], nullptr);
     EXPECT_EQ(capture.last(), "No more internal memory");
-    free_list(copy);
+    pxf::free_settings(copy);
 }
 
 int capability(PXF_CAP_SETTING ***settings, int *a, int *b, int *c) {

@@ -56,10 +56,9 @@ TEST_F(Registry, RecordsListPluginsWithDefaultsThenBuiltIns) {
     EXPECT_EQ(PXF_info(), nullptr);  // built-in records are passed over
     ASSERT_EQ(PXF_init(nullptr, nullptr), 0);  // rewinds
     EXPECT_STREQ(PXF_info()->key, "raw");
-    PXF_TYPE *pipe = PXF_find("pipe");
-    ASSERT_NE(pipe, nullptr);
-    EXPECT_TRUE(pipe->builtin);
-    EXPECT_EQ(pipe->next, PXF_find(".mem"));
+    ASSERT_NE(PXF_find("pipe"), nullptr);
+    EXPECT_TRUE(PXF_find("pipe")->builtin);
+    EXPECT_EQ(PXF_find("pipe")->next, PXF_find(".mem"));
     EXPECT_STREQ(PXF_find(".top")->key, "top");
 }
 
