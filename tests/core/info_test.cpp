@@ -65,9 +65,7 @@ TEST(ChannelBuffer, RowsArePaddedToEightBytesInGroupOrder) {
 }
 
 TEST(ChannelBuffer, SizeFollowsWidthAndIndexOnlyWithoutColour) {
-    struct Case {
-        int channels, bits, indices, size;
-    };
+    struct Case { int channels, bits, indices, size; };
     const Case cases[] = {{1, 0, 0, 8},  {1, 8, 0, 8},  {1, 9, 0, 16}, {1, 16, 0, 16}, {1, 17, 0, 32},
                           {1, 32, 0, 32}, {3, 8, 2, 24}, {0, 8, 2, 32}};  // indices are 16 bits wide
     for (const Case &c : cases) {
@@ -81,11 +79,8 @@ TEST(ChannelBuffer, SizeFollowsWidthAndIndexOnlyWithoutColour) {
 }
 
 TEST_F(CatalogueTest, EveryGroupFaultHasItsNumber) {
-    struct Group {
-        PXF_CHAN_GROUP PXF_IMAGE_DESC::*member;
-        const char *name;
-        int bad_type, bad_width, type_number;  // the width's number follows the type's
-    };
+    // The number for a bad width follows the one for a bad type.
+    struct Group { PXF_CHAN_GROUP PXF_IMAGE_DESC::*member; const char *name; int bad_type, bad_width, type_number; };
     const Group groups[] = {{&PXF_IMAGE_DESC::chan, "image", 0, 33, 72},
                             {&PXF_IMAGE_DESC::matte, "matte", 4, 40, 79},
                             {&PXF_IMAGE_DESC::aux, "auxiliary", 0, 33, 70},

@@ -24,33 +24,30 @@ using pxf::test::StderrCapture;
 
 uint8_t pattern(int line, int x, int c) { return uint8_t(line * 31 + x * 7 + c); }
 
+// Writes one line of the pattern, or reads it and checks it.
+void transfer(PXF_IMAGE *image, int line, bool writing) {
+    PXF_IMAGE_DESC &d = image->info.images[0];
+    int width = d.window.right + 1, groups = d.chan.count + d.matte.count;
+    void **rows = pxf__chan_alloc(&d, width, "test"), **io = rows;
+    for (int c = 0; writing && c < groups; ++c)
+        for (int x = 0; x < width; ++x) static_cast<uint8_t *>(rows[c])[x] = pattern(line, x, c);
+    EXPECT_EQ(writing ? PXF_scan_write(image, line, &io) : PXF_scan_read(image, line, &io), 0) << line;
+    for (int c = 0; !writing && c < groups; ++c)
+        for (int x = 0; x < width; ++x) EXPECT_EQ(static_cast<uint8_t *>(io[c])[x], pattern(line, x, c)) << line;
+    pxf__chan_free(rows);
+}
+void expect_line(PXF_IMAGE *in, int line) { transfer(in, line, false); }
+
 // Writes every line of `request`'s 8-bit image in the driver's order.
 void write_pattern(Request &request, bool top_down) {
     PXF_IMAGE *out = request.open("w");
     ASSERT_NE(out, nullptr);
-    PXF_IMAGE_DESC &d = out->info.images[0];
-    int width = d.window.right + 1, height = d.window.top + 1;
-    void **rows = pxf__chan_alloc(&d, width, "test");
-    for (int i = 0; i < height; ++i) {
+    for (int i = 0, height = out->info.images[0].window.top + 1; i < height; ++i) {
         int line = top_down ? height - 1 - i : i;
-        for (int c = 0; c < d.chan.count + d.matte.count; ++c)
-            for (int x = 0; x < width; ++x) static_cast<uint8_t *>(rows[c])[x] = pattern(line, x, c);
-        ASSERT_EQ(PXF_scan_write(out, line, &rows), 0) << line;
+        transfer(out, line, true);
         EXPECT_EQ(out->current_line, line);
     }
-    pxf__chan_free(rows);
     EXPECT_EQ(PXF_close(out), 0);
-}
-
-// Reads `line` and checks that it holds the pattern.
-void expect_line(PXF_IMAGE *in, int line) {
-    PXF_IMAGE_DESC &d = in->info.images[0];
-    int width = d.window.right + 1;
-    void **rows = pxf__chan_alloc(&d, width, "test"), **got = rows;
-    EXPECT_EQ(PXF_scan_read(in, line, &got), 0) << line;
-    for (int c = 0; c < d.chan.count + d.matte.count; ++c)
-        for (int x = 0; x < width; ++x) EXPECT_EQ(static_cast<uint8_t *>(got[c])[x], pattern(line, x, c)) << line;
-    pxf__chan_free(rows);
 }
 
 class Open : public pxf::test::Numbered {
@@ -77,11 +74,7 @@ TEST_F(Open, ModeMustBeExactlyReadOrWrite) {
 }
 
 TEST_F(Open, RefusedWritesSayWhy) {
-    struct Case {
-        const char *file, *key;
-        int bits, code, number;
-        const char *text;
-    };
+    struct Case { const char *file, *key; int bits, code, number; const char *text; };
     const Case cases[] = {
         {nullptr, nullptr, 8, PXF_E_MISSING_FIELD, 88, "Required field, handle, uninitialized"},
         {"a.xyz", "nosuch", 8, PXF_E_UNKNOWN_TYPE, 51,
