@@ -61,7 +61,6 @@ TEST(ChannelBuffer, RowsArePaddedToEightBytesInGroupOrder) {
     for (int c = 0; c < 6; ++c) EXPECT_EQ(static_cast<unsigned char *>(rows[c]) - base, expected[c]) << c;
     for (int i = 0; i < chan_alloc_size; ++i) ASSERT_EQ(base[i], 0);
     EXPECT_EQ(pxf__chan_free(rows), 1);
-    EXPECT_EQ(pxf__chan_free(nullptr), 1);
 }
 
 TEST(ChannelBuffer, SizeFollowsWidthAndIndexOnlyWithoutColour) {

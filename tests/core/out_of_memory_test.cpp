@@ -78,9 +78,8 @@ TEST_F(OutOfMemory, PluginWriteAndReadOpens) {
 }
 
 TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
-    // The format and colour defaults are read beforehand (again after each
-    // failure, whose clean-up exits them), so only the registry's own
-    // allocations are counted.
+    // The format and colour defaults are read beforehand (again after each failure,
+    // whose clean-up exits them), so only the registry's own allocations count.
     auto read_defaults = [](int) {
         FMT_exit();
         CLR_exit();

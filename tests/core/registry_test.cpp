@@ -29,33 +29,27 @@ TEST_F(Registry, BrokenPluginsAreSkippedAndTheOthersLoad) {
     EXPECT_EQ(capture.reports()[1].text,
               numbered(196, "raw_old_protocol: the version protocol of this plug-in (\"3.1\") is not supported; "
                             "expecting version \"3.2\" but found \"3.1\""));
-    // Write access promised without a write open.
-    EXPECT_EQ(capture.reports()[2].text, numbered(121, "raw_no_writer: imageWriteOpen must be defined"));
+    EXPECT_EQ(capture.reports()[2].text, numbered(121, "raw_no_writer: imageWriteOpen must be defined"));  // promised
     ASSERT_EQ(pxf__num_pxf_types_dso, 2);
     EXPECT_STREQ(pxf__type_list_dso[0].key, "raw");
     EXPECT_STREQ(pxf__type_list_dso[1].key, "top");
     EXPECT_EQ(PXF_find("declined"), nullptr);  // imageInit said no
 }
 
-TEST_F(Registry, LaterLibraryReplacesAnEarlierKey) {
+TEST_F(Registry, RecordsListPluginsWithDefaultsThenBuiltInsAndALaterKeyReplaces) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin", "raw_second"}, catalog_), 0);
     ASSERT_EQ(pxf__num_pxf_types_dso, 2);
-    EXPECT_STREQ(pxf__type_list_dso[0].key, "top");
     EXPECT_STREQ(pxf__type_list_dso[1].name, "raw pixels, second");
     EXPECT_STREQ(PXF_find("raw")->extension, ".raw2");
     EXPECT_EQ(PXF_find(".raw"), nullptr);
-}
-
-TEST_F(Registry, RecordsListPluginsWithDefaultsThenBuiltIns) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
-    EXPECT_EQ(pxf__type_list_dso[0].number_of_channels, 4);
-    EXPECT_EQ(pxf__type_list_dso[1].number_of_channels, 3);  // absent symbols take their defaults
-    EXPECT_STREQ(pxf__type_list_dso[1].format_string, "%s.%04.4d%s");
-    EXPECT_STREQ(PXF_info()->key, "raw");
+    EXPECT_EQ(pxf__type_list_dso[0].number_of_channels, 3);  // absent symbols take their defaults
+    EXPECT_STREQ(pxf__type_list_dso[0].format_string, "%s.%04.4d%s");
+    EXPECT_EQ(pxf__type_list_dso[1].number_of_channels, 4);
     EXPECT_STREQ(PXF_info()->key, "top");
+    EXPECT_STREQ(PXF_info()->key, "raw");
     EXPECT_EQ(PXF_info(), nullptr);  // built-in records are passed over
     ASSERT_EQ(PXF_init(nullptr, nullptr), 0);  // rewinds
-    EXPECT_STREQ(PXF_info()->key, "raw");
+    EXPECT_STREQ(PXF_info()->key, "top");
     ASSERT_NE(PXF_find("pipe"), nullptr);
     EXPECT_TRUE(PXF_find("pipe")->builtin);
     EXPECT_EQ(PXF_find("pipe")->next, PXF_find(".mem"));
