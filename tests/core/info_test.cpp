@@ -95,8 +95,8 @@ TEST_F(CatalogueTest, EveryGroupFaultHasItsNumber) {
             EXPECT_EQ(pxf__err, PXF_E_CANNOT_DO);
             ASSERT_EQ(capture.reports().size(), 1u);
             EXPECT_EQ(capture.reports()[0].severity, ERR_ERROR);
-            EXPECT_EQ(capture.last(), numbered(g.type_number + width, std::string("drv cannot handle ") + g.name +
-                                                                          (width ? " channel width" : " channel type")));
+            std::string text = std::string("drv cannot handle ") + g.name + " channel " + (width ? "width" : "type");
+            EXPECT_EQ(capture.last(), numbered(g.type_number + width, text));
         }
 }
 

@@ -69,7 +69,8 @@ TEST_F(Open, ModeMustBeExactlyReadOrWrite) {
         EXPECT_EQ(request_.open(mode.c_str()), nullptr);
         EXPECT_FALSE(pxf::fault::fired()) << "allocated before checking the mode";
         pxf::fault::disarm();
-        EXPECT_EQ(capture.last(), numbered(44, "File open mode (\"" + mode + "\") not recognized; expecting \"r\" or \"w\""));
+        EXPECT_EQ(capture.last(),
+                  numbered(44, "File open mode (\"" + mode + "\") not recognized; expecting \"r\" or \"w\""));
     }
 }
 

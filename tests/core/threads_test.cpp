@@ -26,23 +26,18 @@ constexpr int kThreads = 8;
 constexpr int kRounds = 25;
 
 uint8_t value(int seed, int line, int channel, int x) { return uint8_t(seed * 37 + line * 5 + channel * 3 + x); }
-int width(const PXF_IMAGE *image) { return image->info.images[0].window.right + 1; }
-int groups(const PXF_IMAGE *image) { return image->info.images[0].chan.count + image->info.images[0].matte.count; }
 
-// Writes one line of the pattern through `rows`; returns 1 on failure.
-int write_line(PXF_IMAGE *out, void **rows, int seed, int line) {
-    for (int c = 0; c < groups(out); ++c)
-        for (int x = 0; x < width(out); ++x) static_cast<uint8_t *>(rows[c])[x] = value(seed, line, c, x);
-    return PXF_scan_write(out, line, &rows) != 0;
-}
-
-// Reads one line; returns how many values differ from the pattern.
-int read_faults(PXF_IMAGE *in, int seed, int line) {
-    void **got = nullptr;
-    if (PXF_scan_read(in, line, &got) != 0) return 1;
-    int faults = 0;
-    for (int c = 0; c < groups(in); ++c)
-        for (int x = 0; x < width(in); ++x) faults += static_cast<uint8_t *>(got[c])[x] != value(seed, line, c, x);
+// With `rows`, writes one line of the pattern through them; without, reads
+// one (into the driver's rows).  Returns the wrong values; a failed scan counts 1.
+int transfer(PXF_IMAGE *image, void **rows, int seed, int line) {
+    const PXF_IMAGE_DESC &d = image->info.images[0];
+    int width = d.window.right + 1, groups = d.chan.count + d.matte.count, faults = 0;
+    bool writing = rows != nullptr;
+    for (int c = 0; writing && c < groups; ++c)
+        for (int x = 0; x < width; ++x) static_cast<uint8_t *>(rows[c])[x] = value(seed, line, c, x);
+    if ((writing ? PXF_scan_write : PXF_scan_read)(image, line, &rows) != 0) return 1;
+    for (int c = 0; !writing && c < groups; ++c)
+        for (int x = 0; x < width; ++x) faults += static_cast<uint8_t *>(rows[c])[x] != value(seed, line, c, x);
     return faults;
 }
 
@@ -57,11 +52,11 @@ int own_images(int thread) {
         PXF_IMAGE *out = request.set("mem", name.c_str(), &d).open("w");
         if (!out) return failures + 1000;
         void **rows = pxf__chan_alloc(&d, w, "thread");
-        for (int line = height - 1; line >= 0; --line) failures += write_line(out, rows, seed, line);
+        for (int line = height - 1; line >= 0; --line) failures += transfer(out, rows, seed, line);
         pxf__chan_free(rows);
         PXF_IMAGE *in = request.set("mem", name.c_str()).open("r");
         if (!in) return failures + 1000;
-        for (int line = 0; line < height; ++line) failures += read_faults(in, seed, line);
+        for (int line = 0; line < height; ++line) failures += transfer(in, nullptr, seed, line);
         failures += (PXF_close(in) != 0) + (PXF_close(out) != 0);
     }
     return failures;
@@ -84,7 +79,7 @@ TEST(Threads, EachThreadsImagesStayItsOwnWhileOthersOpenAndClose) {
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([t, &failures, shared, &shared_desc] {
             void **rows = pxf__chan_alloc(&shared_desc, 16, "thread");
-            for (int line = t; line < height; line += kThreads) failures += write_line(shared, rows, shared_seed, line);
+            for (int line = t; line < height; line += kThreads) failures += transfer(shared, rows, shared_seed, line);
             pxf__chan_free(rows);
             failures += own_images(t);
         });
@@ -93,7 +88,7 @@ TEST(Threads, EachThreadsImagesStayItsOwnWhileOthersOpenAndClose) {
 
     PXF_IMAGE *in = request.set("mem", "shared").open("r");
     ASSERT_NE(in, nullptr);
-    for (int line = 0; line < height; ++line) EXPECT_EQ(read_faults(in, shared_seed, line), 0) << line;
+    for (int line = 0; line < height; ++line) EXPECT_EQ(transfer(in, nullptr, shared_seed, line), 0) << line;
     PXF_close(in);
     PXF_close(shared);
     PXF_exit();
