@@ -24,12 +24,9 @@ static_assert(offsetof(PXF_IMAGE, current_line) == 392 && offsetof(PXF_IMAGE, lo
 
 namespace {
 
-using pxf::test::describe;
-using pxf::test::numbered;
-using pxf::test::ReportCapture;
-using pxf::test::StderrCapture;
+using namespace pxf::test;
 
-using CatalogueTest = pxf::test::Numbered;
+using CatalogueTest = Numbered;
 
 TEST(Info, CleanupWarnsWhenFreedTwiceOrNeverInitialised) {
     PXF_INFO info;
@@ -103,7 +100,7 @@ TEST_F(CatalogueTest, EveryGroupFaultHasItsNumber) {
 TEST(ChannelBuffer, OutOfMemorySetsCodeWithoutMessage) {
     PXF_IMAGE_DESC d = describe(4, 1, 3, 8);
     ReportCapture capture;
-    pxf::test::for_each_allocation_failure([&] {
+    for_each_allocation_failure([&] {
         pxf__err = 0;
         void **rows = pxf__chan_alloc(&d, 4, "test");
         bool made = rows != nullptr;
@@ -195,18 +192,15 @@ TEST(Settings, CopyIsDeepAndStopsWhereMemoryEnds) {
     pxf::free_settings(copy);
 }
 
-int capability(PXF_CAP_SETTING ***settings, int *a, int *b, int *c) {
-    static PXF_CAP_SETTING s{0, {5}};
-    static PXF_CAP_SETTING *list[] = {&s, nullptr};
-    *settings = list;
-    *a = *b = *c = 3;
-    return 1;
-}
-
 TEST_F(CatalogueTest, SpecificSettingsComeFromTheDriver) {
     ASSERT_EQ(PXF_init(catalog_, nullptr), 0);
     PXF_TYPE entry{};
-    entry.capability = capability;
+    entry.capability = [](PXF_CAP_SETTING ***settings, int *a, int *b, int *c) {
+        static PXF_CAP_SETTING s{0, {5}}, *list[] = {&s, nullptr};
+        *settings = list;
+        *a = *b = *c = 3;
+        return 1;
+    };
     PXF_CAP_SETTING **list = nullptr;
     int a = 9, b = 9, c = 9;
     PXF_info_get_specific(nullptr, &entry, &list, &a, &b, &c);

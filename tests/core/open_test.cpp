@@ -16,11 +16,7 @@
 
 namespace {
 
-using pxf::test::describe;
-using pxf::test::numbered;
-using pxf::test::ReportCapture;
-using pxf::test::Request;
-using pxf::test::StderrCapture;
+using namespace pxf::test;
 
 uint8_t pattern(int line, int x, int c) { return uint8_t(line * 31 + x * 7 + c); }
 
@@ -50,15 +46,15 @@ void write_pattern(Request &request, bool top_down) {
     EXPECT_EQ(PXF_close(out), 0);
 }
 
-class Open : public pxf::test::Numbered {
+class Open : public Numbered {
 protected:
     void SetUp() override {
         Numbered::SetUp();
-        ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "top_plugin", "raw_read_only"}, catalog_), 0);
+        ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin", "raw_read_only"}, catalog_), 0);
     }
     Request request_;
     PXF_IMAGE_DESC desc_{};
-    pxf::test::TempDir dir_;
+    TempDir dir_;
 };
 
 TEST_F(Open, ModeMustBeExactlyReadOrWrite) {
@@ -146,7 +142,7 @@ TEST_F(Open, TopDownRoundTripByKeyThenSeeks) {
     desc_ = describe(6, 5, 3, 8);
     std::string path = dir_.file("picture.raw");  // the key, not the extension, decides
     write_pattern(request_.set("top", path.c_str(), &desc_), true);
-    EXPECT_EQ(pxf::test::read_file(path).substr(0, 5), "PXTOP");
+    EXPECT_EQ(read_file(path).substr(0, 5), "PXTOP");
     PXF_IMAGE *in = request_.set(".top", path.c_str()).open("r");  // an extension works as a key too
     ASSERT_NE(in, nullptr);
     EXPECT_STREQ(in->info.key, "top");

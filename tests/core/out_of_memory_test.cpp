@@ -18,12 +18,11 @@
 
 namespace {
 
-using pxf::test::describe;
-using pxf::test::for_each_allocation_failure;
+using namespace pxf::test;
 
 class OutOfMemory : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin"}), 0); }
+    void SetUp() override { ASSERT_EQ(init_with_plugins({"raw_plugin"}), 0); }
     void TearDown() override { PXF_exit(); }
     // Opens with every allocation failing in turn; the last run succeeds and is closed.
     int open_each_failure(const char *mode) {
@@ -39,8 +38,8 @@ protected:
                 pthread_mutex_unlock(&pxf::open_lock);
             });
     }
-    pxf::test::Request request_;
-    pxf::test::TempDir dir_;
+    Request request_;
+    TempDir dir_;
 };
 
 TEST_F(OutOfMemory, MemoryAndPipeOpens) {
@@ -48,7 +47,7 @@ TEST_F(OutOfMemory, MemoryAndPipeOpens) {
     d[0].chan.format = const_cast<char *>("rgb");
     d[0].aspect = const_cast<char *>("square");
     request_.set("mem", "oom", d, 2);
-    pxf::test::ReportCapture capture;
+    ReportCapture capture;
     EXPECT_GT(open_each_failure("w"), 10);
     EXPECT_TRUE(capture.saw("No more internal memory"));
     PXF_IMAGE *writer = request_.open("w");
@@ -85,7 +84,7 @@ TEST(OutOfMemoryInit, RegistryGivesUpCleanly) {
     read_defaults(0);
     int made = for_each_allocation_failure(
         [] {
-            int result = pxf::test::init_with_plugins({"raw_plugin", "top_plugin"});
+            int result = init_with_plugins({"raw_plugin", "top_plugin"});
             if (result == 0) return pxf__num_pxf_types_dso == 2;
             EXPECT_EQ(result, -1);
             EXPECT_EQ(pxf__err, PXF_E_NO_MEMORY);

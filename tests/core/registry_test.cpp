@@ -13,12 +13,9 @@
 
 namespace {
 
-using pxf::test::init_with_plugins;
-using pxf::test::numbered;
-using pxf::test::ReportCapture;
-using pxf::test::StderrCapture;
+using namespace pxf::test;
 
-using Registry = pxf::test::Numbered;
+using Registry = Numbered;
 
 TEST_F(Registry, BrokenPluginsAreSkippedAndTheOthersLoad) {
     ReportCapture capture;
@@ -58,10 +55,10 @@ TEST_F(Registry, RecordsListPluginsWithDefaultsThenBuiltInsAndALaterKeyReplaces)
 
 TEST_F(Registry, ContentProbeDecidesTheFileType) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
-    pxf::test::TempDir dir;
+    TempDir dir;
     std::string picture = dir.file("picture.dat"), noise = dir.file("noise.dat");
-    pxf::test::write_file(picture, "PXTOP1\nabc");
-    pxf::test::write_file(noise, "nothing here");
+    write_file(picture, "PXTOP1\nabc");
+    write_file(noise, "nothing here");
     int decided = -1;
     EXPECT_STREQ(PXF_get_file_type(picture.c_str(), nullptr, &decided), "top");
     EXPECT_EQ(decided, 1);

@@ -20,7 +20,7 @@ extern "C" const char *__tsan_default_suppressions() { return "race:pxf__err\n";
 
 namespace {
 
-using pxf::test::describe;
+using namespace pxf::test;
 
 constexpr int kThreads = 8;
 constexpr int kRounds = 25;
@@ -48,7 +48,7 @@ int own_images(int thread) {
         int seed = thread * kRounds + round, w = 5 + (thread + round) % 7, height = 3 + round % 5;
         PXF_IMAGE_DESC d = describe(w, height, 3, 8, 1);
         std::string name = "t" + std::to_string(seed);
-        pxf::test::Request request;
+        Request request;
         PXF_IMAGE *out = request.set("mem", name.c_str(), &d).open("w");
         if (!out) return failures + 1000;
         void **rows = pxf__chan_alloc(&d, w, "thread");
@@ -70,7 +70,7 @@ TEST(Threads, EachThreadsImagesStayItsOwnWhileOthersOpenAndClose) {
     // One writer shared by every thread as well: its handle lock serialises the scans.
     const int shared_seed = -1, height = kThreads * 4;
     PXF_IMAGE_DESC shared_desc = describe(16, height, 3, 8);
-    pxf::test::Request request;
+    Request request;
     PXF_IMAGE *shared = request.set("mem", "shared", &shared_desc).open("w");
     ASSERT_NE(shared, nullptr);
 
