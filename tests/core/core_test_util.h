@@ -42,10 +42,7 @@ inline PXF_IMAGE_DESC describe(int width, int height, int channels, int bits, in
     return d;
 }
 
-inline void set_text(char *&field, const char *value) {
-    free(field);
-    field = value ? strdup(value) : nullptr;
-}
+inline void set_text(char *&field, const char *value) { free(field); field = value ? strdup(value) : nullptr; }
 
 // An initialised info for PXF_open: the key and handle are heap copies, the
 // descriptions stay the caller's.

@@ -90,8 +90,7 @@ TEST_F(Open, RefusedWritesSayWhy) {
 }
 
 TEST_F(Open, UninitialisedInfoIsWarnedAboutButUsed) {
-    PXF_INFO raw;
-    std::memset(&raw, 0, sizeof raw);
+    PXF_INFO raw{};
     raw.handle = const_cast<char *>("nothing.mem");
     raw.open_flag = 1;
     StderrCapture err;
