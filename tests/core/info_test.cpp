@@ -155,15 +155,11 @@ struct Settings {
 TEST_F(CatalogueTest, SettingsCompareInOrder) {
     Settings a{{0, 3}, {1, 0.5}}, swapped{{1, 0.5}, {0, 3}}, wider{{0, 3}, {2, 7}, {1, 0.5}};
     Settings other{{0, 4}, {1, 0.5}}, nan{{1, NAN}}, empty{}, odd{{7, 1}};
-    EXPECT_FALSE(PXF_cap_setting_compare(a.get(), swapped.get()));
-    EXPECT_TRUE(PXF_cap_setting_compare(a.get(), wider.get()));
-    EXPECT_FALSE(PXF_cap_setting_compare(a.get(), other.get()));
-    EXPECT_FALSE(PXF_cap_setting_compare(nan.get(), nan.get()));
-    EXPECT_TRUE(PXF_cap_setting_compare(nullptr, nullptr));
-    EXPECT_TRUE(PXF_cap_setting_compare(nullptr, empty.get()));
-    EXPECT_TRUE(PXF_cap_setting_compare(empty.get(), empty.get()));
-    EXPECT_FALSE(PXF_cap_setting_compare(nullptr, a.get()));
-    EXPECT_FALSE(PXF_cap_setting_compare(a.get(), empty.get()));
+    const struct { PXF_CAP_SETTING **x, **y; bool same; } cases[] = {
+        {a.get(), swapped.get(), false},  {a.get(), wider.get(), true}, {a.get(), other.get(), false},
+        {nan.get(), nan.get(), false},    {nullptr, nullptr, true},     {nullptr, empty.get(), true},
+        {empty.get(), empty.get(), true}, {nullptr, a.get(), false},    {a.get(), empty.get(), false}};
+    for (const auto &c : cases) EXPECT_EQ(bool(PXF_cap_setting_compare(c.x, c.y)), c.same) << "case " << &c - cases;
     ReportCapture capture;
     EXPECT_FALSE(PXF_cap_setting_compare(odd.get(), odd.get()));
     ASSERT_EQ(capture.reports().size(), 1u);
