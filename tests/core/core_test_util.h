@@ -13,7 +13,7 @@
 
 namespace pxf::test {
 
-// The catalogue whose set-902 texts start with "[number] ".
+// The catalogue whose set-902 texts start with "[number] ", as numbered() spells them.
 inline nl_catd numbered_catalog() {
 #ifdef TEST_CATALOG
     return catopen(TEST_CATALOG, 0);
@@ -21,12 +21,10 @@ inline nl_catd numbered_catalog() {
     return nullptr;
 #endif
 }
-
-// "[n] text"
 inline std::string numbered(int n, const std::string &text) { return "[" + std::to_string(n) + "] " + text; }
 
-// Opens the named test plug-ins (file stems in the plug-in folder) and
-// hands them to PXF_init, in order.  Returns PXF_init's result.
+// Opens the named test plug-ins (file stems in the plug-in folder) and hands
+// them to PXF_init, in order; returns PXF_init's result.
 int init_with_plugins(const std::vector<std::string> &names, nl_catd catalog = nullptr);
 
 // A description of one image, window 0..width-1 x 0..height-1, groups all
@@ -35,33 +33,23 @@ inline PXF_IMAGE_DESC describe(int width, int height, int channels, int bits, in
                                int type = PXF_C_INTEGER) {
     PXF_IMAGE_DESC d;
     std::memset(&d, 0, sizeof d);
-    d.image_kind = 1;
+    d.image_kind = d.step = d.orientation = 1;
     d.curve.kind = PXF_CURVE_GAMMA;
     d.curve.gamma = 1.0f;
-    d.window = {0, width - 1, 0, height - 1};
-    d.active_window = d.window;
-    d.step = d.orientation = 1;
-    d.chan = {nullptr, channels, type, bits, 0};
-    d.matte = {nullptr, mattes, type, bits, 0};
-    d.aux = {nullptr, aux, type, bits, 0};
-    d.index = {nullptr, 0, PXF_C_INTEGER, 16, 0};
+    d.window = d.active_window = {0, width - 1, 0, height - 1};
+    d.chan = {nullptr, channels, type, bits, 0}, d.matte = {nullptr, mattes, type, bits, 0};
+    d.aux = {nullptr, aux, type, bits, 0}, d.index = {nullptr, 0, PXF_C_INTEGER, 16, 0};
     return d;
 }
 
-inline void set_text(char *&field, const char *value) {
-    free(field);
-    field = value ? strdup(value) : nullptr;
-}
+inline void set_text(char *&field, const char *value) { free(field); field = value ? strdup(value) : nullptr; }
 
 // An initialised info for PXF_open: the key and handle are heap copies, the
 // descriptions stay the caller's.
 struct Request {
     PXF_INFO info;
     Request() { PXF_info_init(&info); }
-    ~Request() {
-        set(nullptr, nullptr);
-        PXF_info_cleanup(&info, 1);
-    }
+    ~Request() { PXF_info_cleanup(&set(nullptr, nullptr).info, 1); }  // the descriptions are not ours to free
     Request(const Request &) = delete;
     Request &operator=(const Request &) = delete;
     Request &set(const char *key, const char *handle, PXF_IMAGE_DESC *images = nullptr, int count = 1) {

@@ -2,35 +2,32 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "core_test_util.h"
 
 namespace pxf::test {
 namespace {
 
-std::vector<void *> libraries;
-std::vector<std::string> library_names;
+std::vector<std::pair<void *, std::string>> loaded;  // library, name
 std::size_t next_library = 0;
 
 int enumerate(void **library, const char **name) {
-    if (next_library >= libraries.size()) return 0;
-    *library = libraries[next_library];
-    *name = library_names[next_library].c_str();
-    ++next_library;
+    if (next_library >= loaded.size()) return 0;
+    *library = loaded[next_library].first;
+    *name = loaded[next_library++].second.c_str();
     return 1;
 }
 
 }  // namespace
 
 int init_with_plugins(const std::vector<std::string> &names, nl_catd catalog) {
-    libraries.clear();
-    library_names.clear();
+    loaded.clear();
     next_library = 0;
     for (const std::string &name : names) {
-        std::string path = std::string(PLUGIN_DIR) + "/" + name + ".so";
-        void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        void *library = dlopen((std::string(PLUGIN_DIR) + "/" + name + ".so").c_str(), RTLD_NOW | RTLD_LOCAL);
         EXPECT_NE(library, nullptr) << dlerror();
-        libraries.push_back(library);
-        library_names.push_back(name);
+        loaded.emplace_back(library, name);
     }
     return PXF_init(catalog, enumerate);
 }

@@ -13,68 +13,52 @@
 
 namespace {
 
-using pxf::test::init_with_plugins;
-using pxf::test::numbered;
-using pxf::test::ReportCapture;
-using pxf::test::StderrCapture;
+using namespace pxf::test;
 
-using Registry = pxf::test::Numbered;
+using Registry = Numbered;
 
 TEST_F(Registry, BrokenPluginsAreSkippedAndTheOthersLoad) {
     ReportCapture capture;
     ASSERT_EQ(init_with_plugins({"raw_no_key", "raw_plugin", "raw_old_protocol", "raw_declines", "raw_no_writer",
-                                 "top_plugin"},
-                                catalog_),
-              0);
+                                 "top_plugin"}, catalog_), 0);
     ASSERT_EQ(capture.reports().size(), 3u);
     EXPECT_EQ(capture.reports()[0].text, numbered(121, "raw_no_key: imageKey must be defined"));
     EXPECT_EQ(capture.reports()[1].text,
               numbered(196, "raw_old_protocol: the version protocol of this plug-in (\"3.1\") is not supported; "
                             "expecting version \"3.2\" but found \"3.1\""));
-    // Write access promised without a write open.
-    EXPECT_EQ(capture.reports()[2].text, numbered(121, "raw_no_writer: imageWriteOpen must be defined"));
+    EXPECT_EQ(capture.reports()[2].text, numbered(121, "raw_no_writer: imageWriteOpen must be defined"));  // promised
     ASSERT_EQ(pxf__num_pxf_types_dso, 2);
     EXPECT_STREQ(pxf__type_list_dso[0].key, "raw");
     EXPECT_STREQ(pxf__type_list_dso[1].key, "top");
     EXPECT_EQ(PXF_find("declined"), nullptr);  // imageInit said no
 }
 
-TEST_F(Registry, AbsentSymbolsTakeTheirDefaults) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
-    EXPECT_EQ(pxf__type_list_dso[0].number_of_channels, 4);
-    EXPECT_EQ(pxf__type_list_dso[1].number_of_channels, 3);
-    EXPECT_STREQ(pxf__type_list_dso[1].format_string, "%s.%04.4d%s");
-}
-
-TEST_F(Registry, LaterLibraryReplacesAnEarlierKey) {
+TEST_F(Registry, RecordsListPluginsWithDefaultsThenBuiltInsAndALaterKeyReplaces) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin", "raw_second"}, catalog_), 0);
     ASSERT_EQ(pxf__num_pxf_types_dso, 2);
-    EXPECT_STREQ(pxf__type_list_dso[0].key, "top");
     EXPECT_STREQ(pxf__type_list_dso[1].name, "raw pixels, second");
     EXPECT_STREQ(PXF_find("raw")->extension, ".raw2");
     EXPECT_EQ(PXF_find(".raw"), nullptr);
-}
-
-TEST_F(Registry, RecordsListPluginsThenBuiltIns) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
-    EXPECT_STREQ(PXF_info()->key, "raw");
+    EXPECT_EQ(pxf__type_list_dso[0].number_of_channels, 3);  // absent symbols take their defaults
+    EXPECT_STREQ(pxf__type_list_dso[0].format_string, "%s.%04.4d%s");
+    EXPECT_EQ(pxf__type_list_dso[1].number_of_channels, 4);
     EXPECT_STREQ(PXF_info()->key, "top");
+    EXPECT_STREQ(PXF_info()->key, "raw");
     EXPECT_EQ(PXF_info(), nullptr);  // built-in records are passed over
     ASSERT_EQ(PXF_init(nullptr, nullptr), 0);  // rewinds
-    EXPECT_STREQ(PXF_info()->key, "raw");
-    PXF_TYPE *pipe = PXF_find("pipe");
-    ASSERT_NE(pipe, nullptr);
-    EXPECT_TRUE(pipe->builtin);
-    EXPECT_EQ(pipe->next, PXF_find(".mem"));
+    EXPECT_STREQ(PXF_info()->key, "top");
+    ASSERT_NE(PXF_find("pipe"), nullptr);
+    EXPECT_TRUE(PXF_find("pipe")->builtin);
+    EXPECT_EQ(PXF_find("pipe")->next, PXF_find(".mem"));
     EXPECT_STREQ(PXF_find(".top")->key, "top");
 }
 
 TEST_F(Registry, ContentProbeDecidesTheFileType) {
     ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
-    pxf::test::TempDir dir;
+    TempDir dir;
     std::string picture = dir.file("picture.dat"), noise = dir.file("noise.dat");
-    pxf::test::write_file(picture, "PXTOP1\nabc");
-    pxf::test::write_file(noise, "nothing here");
+    write_file(picture, "PXTOP1\nabc");
+    write_file(noise, "nothing here");
     int decided = -1;
     EXPECT_STREQ(PXF_get_file_type(picture.c_str(), nullptr, &decided), "top");
     EXPECT_EQ(decided, 1);
@@ -84,33 +68,31 @@ TEST_F(Registry, ContentProbeDecidesTheFileType) {
     FILE *stream = fopen(picture.c_str(), "rb");
     EXPECT_STREQ(PXF_is_file_type("ignored", stream, "top", &decided), "top");
     fclose(stream);
-}
 
-TEST_F(Registry, ARecordWithoutProbeLeavesTheTypeUndecided) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin"}, catalog_), 0);
-    PXF_find("raw")->is_file = nullptr;
-    int decided = -1;
-    EXPECT_EQ(PXF_get_file_type("/nonexistent", nullptr, &decided), nullptr);
+    PXF_find("raw")->is_file = nullptr;  // a record without a probe leaves the type undecided
+    EXPECT_EQ(PXF_get_file_type(noise.c_str(), nullptr, &decided), nullptr);
     EXPECT_EQ(decided, 0);
-    EXPECT_EQ(PXF_is_file_type("/nonexistent", nullptr, "raw", &decided), nullptr);
+    EXPECT_EQ(PXF_is_file_type(noise.c_str(), nullptr, "raw", &decided), nullptr);
     EXPECT_EQ(decided, 0);
 }
 
 TEST_F(Registry, QueryFunctionsCopyNamesKeysAndExtensions) {
-    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin", "raw_read_only"}, catalog_), 0);
+    ASSERT_EQ(init_with_plugins({"top_plugin", "raw_read_only", "raw_second"}, catalog_), 0);
     const char *keys[4] = {};
     EXPECT_EQ(PXF_getFormatKeys(keys), 3);
-    EXPECT_STREQ(keys[2], "rawro");
+    EXPECT_STREQ(keys[2], "raw");
     char *names[4] = {};
     EXPECT_EQ(PXF_getPluginNames(names), 3);
-    EXPECT_STREQ(names[1], "top-down pixels");
+    EXPECT_STREQ(names[0], "top-down pixels");
     for (char *n : names) free(n);
 
     char buffer[512];
     PXF_getOnlyExtensions(buffer);
-    EXPECT_STREQ(buffer, "*.raw;*.top;*.rro;");
+    EXPECT_STREQ(buffer, "*.top;*.rro;*.raw2;");
+    pxf__type_list_dso[2].extension = ".a-very-long-extension-name";  // too long to show beside the name
     PXF_getPluginNamesWithFilters(buffer);
-    const char expected[] = "raw pixels (*.raw)\0*.raw\0top-down pixels (*.top)\0*.top\0raw pixels (*.rro)\0*.rro\0";
+    const char expected[] = "top-down pixels (*.top)\0*.top\0raw pixels (*.rro)\0*.rro\0"
+                            "raw pixels, second (all formats)\0*.a-very-long-extension-name";
     EXPECT_EQ(std::memcmp(buffer, expected, sizeof expected), 0);
 
     char out[64];
@@ -120,17 +102,8 @@ TEST_F(Registry, QueryFunctionsCopyNamesKeysAndExtensions) {
     EXPECT_TRUE(PXF_hasReadSupport("rawro"));
     EXPECT_FALSE(PXF_hasWriteSupport("rawro"));
     EXPECT_TRUE(PXF_hasWriteSupport("mem"));
-    EXPECT_FALSE(PXF_isMultiFrameFormat("raw"));
-}
-
-TEST_F(Registry, LongExtensionPatternsReadAllFormats) {
-    ASSERT_EQ(init_with_plugins({"raw_second"}, catalog_), 0);
     EXPECT_TRUE(PXF_isMultiFrameFormat("raw"));
-    pxf__type_list_dso[0].extension = ".a-very-long-extension-name";
-    char buffer[256];
-    PXF_getPluginNamesWithFilters(buffer);
-    EXPECT_STREQ(buffer, "raw pixels, second (all formats)");
-    EXPECT_STREQ(buffer + std::strlen(buffer) + 1, "*.a-very-long-extension-name");
+    EXPECT_FALSE(PXF_isMultiFrameFormat("top"));
 }
 
 TEST_F(Registry, QueriesComplainOnStandardError) {
@@ -147,15 +120,10 @@ TEST_F(Registry, QueriesComplainOnStandardError) {
     EXPECT_EQ(PXF_isMultiFrameFormat(nullptr), 0);
     EXPECT_EQ(PXF_getKeyFromPluginName(nullptr, buffer), -1);
     PXF_symbols();
-    EXPECT_EQ(err.finish(),
-              "NULL pointer passed\n"
-              "Plugins not loaded, so Load!!\n\nNo Plugins!\n"
-              "Plugins not loaded, so Load!!\n\nNo Plugins!\n"
-              "NULL pointer passed!\n"
-              "NULL key passed in\n"
-              "NULL key passed in\n"
-              "NULL pluginName passed in\n"
-              "PXF_symbols: should not be called by the application\n");
+    const std::string none = "Plugins not loaded, so Load!!\n\nNo Plugins!\n";
+    EXPECT_EQ(err.finish(), "NULL pointer passed\n" + none + none + "NULL pointer passed!\nNULL key passed in\n"
+                            "NULL key passed in\nNULL pluginName passed in\n"
+                            "PXF_symbols: should not be called by the application\n");
 
     ReportCapture capture;
     EXPECT_STREQ(PXF_name_from_key("nosuch"), "nosuch");
@@ -164,21 +132,18 @@ TEST_F(Registry, QueriesComplainOnStandardError) {
                             "this type is defined"));
 }
 
-TEST(NamingLookup, PathnamesAndKeysFindRegisteredDrivers) {
-    ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin", "top_plugin"}), 0);
+TEST_F(Registry, NamingFindsRegisteredDriversByPathnameAndKey) {
+    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
     pxf::naming::DriverNames names;
     ASSERT_TRUE(pxf::naming::driver_by_pathname("/shots/frame.0001.top", &names));
-    EXPECT_STREQ(names.key, "top");
     EXPECT_EQ(names.record, PXF_find("top"));
     EXPECT_FALSE(pxf::naming::driver_by_pathname("/shots/frame.0001.tif", &names));
     ASSERT_TRUE(pxf::naming::driver_by_key("mem", &names));
     EXPECT_STREQ(names.name_syntax, "Name.####.Ext");
-    EXPECT_STREQ(names.extension, ".mem");
     EXPECT_FALSE(pxf::naming::driver_by_key("nosuch", &names));
-    PXF_exit();
 }
 
-TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
+TEST_F(Registry, FirstUseInitialisesAndSaysSoAtDebugLevel) {
     ERR_unmask_s(ERR_DEBUG);
     ReportCapture capture;
     EXPECT_NE(PXF_find("mem"), nullptr);
@@ -186,18 +151,16 @@ TEST(RegistryLazy, FirstUseInitialisesAndSaysSoAtDebugLevel) {
     ERR_mask_s(ERR_DEBUG);
     ASSERT_EQ(capture.reports().size(), 1u);
     EXPECT_EQ(capture.reports()[0].severity, ERR_DEBUG);
-    EXPECT_EQ(capture.last(), "pxf, initializing database for PXF_find request");
-    PXF_exit();
+    EXPECT_EQ(capture.last(), "pxf, initializing database for PXF_find request");  // lazily: no catalogue
 }
 
-TEST(RegistryCatalogue, CatalogueRenamesPluginSymbols) {
+TEST_F(Registry, CatalogueRenamesPluginSymbols) {
     nl_catd renamed = catopen(RENAMED_CATALOG, 0);
     ASSERT_NE(renamed, reinterpret_cast<nl_catd>(-1));
-    ASSERT_EQ(pxf::test::init_with_plugins({"raw_plugin"}, renamed), 0);
+    ASSERT_EQ(init_with_plugins({"raw_plugin"}, renamed), 0);
     EXPECT_STREQ(pxf__type_list_dso[0].name, "raw 8-bit pixels");  // read from "imageDescription"
     PXF_exit();
     catclose(renamed);
-    pxf__msg_cat = nullptr;
 }
 
 }  // namespace

@@ -59,8 +59,8 @@ int imageInit(void) { return 1; }
 
 typedef struct {
     FILE *file;
-    int32_t width, channels, mattes;
-    int next;
+    int32_t width, groups;
+    int next, writing;
 } raw_file;
 
 int imageIsFile(const char *path, void *stream) {
@@ -81,28 +81,22 @@ static int raw_close(PXF_IMAGE *image) {
 }
 
 /* Reads or writes one line: every channel row in turn, lines in file order. */
-static int transfer(void *data, int line, void ***rows, int writing) {
+static int raw_scan(void *data, int line, void ***rows, void **table) {
     raw_file *r = (raw_file *)data;
     int c;
-    if (line != r->next) {
-        pxf__err = PXF_E_BAD_SCANLINE;
-        return PXF_E_BAD_SCANLINE;
-    }
-    for (c = 0; c < r->channels + r->mattes; ++c) {
-        size_t done = writing ? fwrite((*rows)[c], 1, (size_t)r->width, r->file)
-                              : fread((*rows)[c], 1, (size_t)r->width, r->file);
-        if (done != (size_t)r->width) return writing ? PXF_E_FLUSH : (pxf__err = PXF_E_BAD_SCANLINE);
+    (void)table;
+    if (line != r->next) return pxf__err = PXF_E_BAD_SCANLINE;
+    for (c = 0; c < r->groups; ++c) {
+        size_t done = r->writing ? fwrite((*rows)[c], 1, (size_t)r->width, r->file)
+                                 : fread((*rows)[c], 1, (size_t)r->width, r->file);
+        if (done != (size_t)r->width) return r->writing ? PXF_E_FLUSH : (pxf__err = PXF_E_BAD_SCANLINE);
     }
     r->next += ORIENTATION ? 1 : -1;
     return 0;
 }
 
-static int raw_read(void *data, int line, void ***rows, void **table) {
-    (void)table;
-    return transfer(data, line, rows, 0);
-}
-
-static int attach(PXF_IMAGE *image, FILE *file, int32_t head[4], PXF_SCAN_FN scan) {
+/* head: width, height, image channels, matte channels. */
+static int attach(PXF_IMAGE *image, FILE *file, const int32_t head[4], int writing) {
     raw_file *r = (raw_file *)calloc(1, sizeof *r);
     void **table = (void **)malloc(sizeof *table);
     if (!r || !table) {
@@ -114,60 +108,50 @@ static int attach(PXF_IMAGE *image, FILE *file, int32_t head[4], PXF_SCAN_FN sca
     }
     r->file = file;
     r->width = head[0];
-    r->channels = head[2];
-    r->mattes = head[3];
+    r->groups = head[2] + head[3];
     r->next = ORIENTATION ? 0 : head[1] - 1;
+    r->writing = writing;
     table[0] = r;
     image->private_data = table;
-    image->scan = scan;
+    image->scan = raw_scan;
     image->close = raw_close;
     return 1;
 }
 
 #ifndef RAW_NO_WRITE
-static int raw_write(void *data, int line, void ***rows, void **table) {
-    (void)table;
-    return transfer(data, line, rows, 1);
-}
-
 int imageWriteOpen(PXF_IMAGE *image) {
     PXF_IMAGE_DESC *d = image->info.images;
     int32_t head[4];
     FILE *f;
     if (pxf__image_verify(RAW_NAME, image, 0) != 0 || pxf__matte_verify(RAW_NAME, image, 0) != 0) return 0;
-    f = fopen(image->info.handle, "wb");
-    if (!f) {
-        pxf__err = PXF_E_MISSING_FIELD;
-        return 0;
-    }
+    if (!(f = fopen(image->info.handle, "wb"))) return (pxf__err = PXF_E_MISSING_FIELD), 0;
     head[0] = d->window.right - d->window.left + 1;
     head[1] = d->window.top - d->window.bottom + 1;
     head[2] = d->chan.count;
     head[3] = d->matte.count;
     fwrite(MAGIC, 1, 7, f);
     fwrite(head, 4, 4, f);
-    return attach(image, f, head, raw_write);
+    return attach(image, f, head, 1);
 }
 #endif
 
 int imageReadOpen(PXF_IMAGE *image) {
-    char head_magic[7];
+    char magic[7];
     int32_t head[4];
     PXF_IMAGE_DESC *d;
     FILE *f = fopen(image->info.handle, "rb");
     if (!f) return 0;
-    if (fread(head_magic, 1, 7, f) != 7 || memcmp(head_magic, MAGIC, 7) != 0 || fread(head, 4, 4, f) != 4 ||
+    if (fread(magic, 1, 7, f) != 7 || memcmp(magic, MAGIC, 7) != 0 || fread(head, 4, 4, f) != 4 ||
         !(d = (PXF_IMAGE_DESC *)calloc(1, sizeof *d))) {
         fclose(f);
         return 0;
     }
-    d->image_kind = 1;
+    d->image_kind = d->step = 1;
     d->curve.kind = PXF_CURVE_GAMMA;
     d->curve.gamma = 1.0f;
     d->window.right = head[0] - 1;
     d->window.top = head[1] - 1;
     d->active_window = d->window;
-    d->step = 1;
     d->orientation = ORIENTATION;
     d->chan.count = head[2];
     d->matte.count = head[3];
@@ -176,5 +160,5 @@ int imageReadOpen(PXF_IMAGE *image) {
     d->index.width = 16;
     image->info.images = d;
     image->info.num_images = 1;
-    return attach(image, f, head, raw_read);
+    return attach(image, f, head, 0);
 }
