@@ -1,7 +1,10 @@
-#include "synthetic.h"
+#include "images.h"
 
 #include <cstdlib>
-#include <cstring>
+
+#include <pxf/fmt.h>
+
+#include "support/test_support.h"
 
 namespace pxf::test {
 namespace {
@@ -34,8 +37,6 @@ int read_scan(void *data, int line, void ***rows, void **) {
             else if (g.width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g.width));
             else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g.width);
         }
-        if (c == 0 && g.type == PXF_C_FLOAT && !float_override.empty())
-            std::memcpy(row, float_override.data(), float_override.size() * sizeof(float));
     });
     *rows = s->rows;
     return 0;
@@ -68,6 +69,7 @@ PXF_IMAGE_DESC synthetic_desc(int width, int height, int channels, int type, int
     PXF_IMAGE_DESC d;
     std::memset(&d, 0, sizeof d);
     d.curve = {PXF_CURVE_GAMMA, 1.0f, nullptr, 1, 256, PXF_C_INTEGER, 12, nullptr};
+    d.aspect_ratio = 1.0f;
     d.window = {0, width - 1, 0, height - 1};
     d.active_window = d.window;
     d.chan = {nullptr, channels, type, bits, 0};
@@ -96,6 +98,49 @@ PXF_IMAGE *synthetic_image(const PXF_IMAGE_DESC &desc, int mode) {
     image->scan = mode == PXF_MODE_READ ? read_scan : write_scan;
     image->close = close_image;
     return image;
+}
+
+PXF_IMAGE *open_mem(const std::string &name, PXF_IMAGE_DESC *desc, const std::function<uint8_t(int, int, int)> &value,
+                    const std::function<void(PXF_INFO &)> &adjust) {
+    PXF_INFO info;
+    PXF_info_init(&info);
+    info.key = const_cast<char *>("mem");
+    info.handle = const_cast<char *>(name.c_str());
+    info.num_images = desc ? 1 : 0;
+    info.images = desc;
+    if (adjust) adjust(info);
+    PXF_IMAGE *image = PXF_open(&info, desc ? "w" : "r");
+    if (!image || !desc) return image;
+    int width = width_of(*desc);
+    void **rows = pxf__chan_alloc(desc, width, "test");
+    for (int line = desc->window.bottom; line <= desc->window.top; ++line) {
+        for (int c = 0; c < desc->chan.count; ++c)
+            for (int x = 0; x < width; ++x) static_cast<uint8_t *>(rows[c])[x] = value(line, x, c);
+        void **given = rows;
+        EXPECT_EQ(PXF_scan_write(image, line, &given), 0);
+    }
+    pxf__chan_free(rows);
+    return image;
+}
+
+void expect_clean_failures(PXF_IMAGE *image, const std::function<void()> &install, int (*remove)(PXF_IMAGE *),
+                           int error) {
+    PXF_IMAGE_DESC before = image->info.images[0];
+    void *driver = image->private_data[0];
+    FMT_def_gamma_tab_res();  // the defaults are read before, not during, the loop
+    ReportCapture capture;
+    for_each_allocation_failure(
+        [&] {
+            install();
+            return image->private_data[0] != driver && remove(image) == 1;
+        },
+        [&](int) {
+            EXPECT_EQ(image->private_data[0], driver);
+            EXPECT_EQ(std::memcmp(&image->info.images[0], &before, sizeof before), 0);
+            if (error) {
+                EXPECT_EQ(pxf__err, error);
+            }
+        });
 }
 
 }  // namespace pxf::test
