@@ -1,13 +1,7 @@
 // The stacking protocol: pull order, removal only from the top, closing
 // outside in, the missing-record report, and the raster stage.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <string>
-
 #include "images.h"
 #include "operators/chain.h"
-#include "support/test_support.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
 // The cast and quantize operators over the synthetic driver.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-
 #include "images.h"
-#include "support/test_support.h"
 
 namespace {
 
@@ -36,23 +30,6 @@ TEST(Cast, IntegersScaleByTheirLargestValueAndGammaOnlyCountsAtEightBits) {
             EXPECT_EQ(std::memcmp(&image->info.images[0], &d, sizeof d), 0);
             PXF_close(image);
         }
-}
-
-TEST(Cast, FloatImagesGetNothingAndIntegerMattesKeepTheScanFunction) {
-    PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 3, PXF_C_FLOAT, 32, 1), PXF_MODE_READ);
-    void *driver = image->private_data[0];
-    PXF__cast(image);
-    EXPECT_EQ(image->private_data[0], driver);
-    // With an integer matte the record goes on but the scan function stays.
-    image->info.images[0].matte = {nullptr, 1, PXF_C_INTEGER, 8, 0};
-    PXF_SCAN_FN scan = image->scan;
-    PXF__cast(image);
-    EXPECT_EQ(top_of(image)->tag, PXF_OP_CAST);
-    EXPECT_EQ(image->scan, scan);
-    EXPECT_EQ(image->info.images[0].matte.type, PXF_C_FLOAT);
-    event_log.clear();
-    EXPECT_EQ(PXF_close(image), 0);
-    EXPECT_EQ(event_log, std::vector<std::string>{"close"});
 }
 
 TEST(Cast, RefusalsAndOutOfMemoryLeaveNoTrace) {
@@ -90,17 +67,24 @@ TEST(Quantize, ConvertsOnlyTheRequestedGroupsAndGivesTheDescriptionBack) {
     PXF_close(image);
 }
 
-TEST(Quantize, StaysAwayWhenThereIsNothingToDo) {
+TEST(Convert, NothingToDoInstallsNothing) {
     const PXF_CHAN_TYPE bytes[3] = {{PXF_C_INTEGER, 8}, {PXF_C_INTEGER, 8}, {PXF_C_INTEGER, 8}};
     const PXF_CHAN_TYPE too_deep[3] = {{PXF_C_INTEGER, 33}, {0, 0}, {0, 0}};
-    PXF_IMAGE *integer = synthetic_image(synthetic_desc(W, H, 3, PXF_C_INTEGER, 8), PXF_MODE_READ);
-    PXF_IMAGE *flagged = synthetic_image(synthetic_desc(W, H, 3, PXF_C_FLOAT, 32), PXF_MODE_READ);
-    flagged->info.open_flag = 0;
-    PXF_IMAGE *writing = synthetic_image(synthetic_desc(W, H, 3, PXF_C_FLOAT, 32), PXF_MODE_WRITE);
-    PXF_IMAGE *deep = synthetic_image(synthetic_desc(W, H, 3, PXF_C_FLOAT, 32), PXF_MODE_READ);
-    for (PXF_IMAGE *image : {integer, flagged, writing, deep}) {
+    const struct {
+        int type, mode, model_flag;
+        const PXF_CHAN_TYPE *quantize_to;  // none: cast
+    } cases[] = {
+        {PXF_C_FLOAT, PXF_MODE_READ, 1, nullptr},     // already floats
+        {PXF_C_INTEGER, PXF_MODE_READ, 1, bytes},     // already integers
+        {PXF_C_FLOAT, PXF_MODE_READ, 0, bytes},       // floats outside the 0..1 model
+        {PXF_C_FLOAT, PXF_MODE_WRITE, 1, bytes},      // reading only
+        {PXF_C_FLOAT, PXF_MODE_READ, 1, too_deep},
+    };
+    for (const auto &c : cases) {
+        PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 3, c.type, c.type == PXF_C_FLOAT ? 32 : 8, 1), c.mode);
+        image->info.open_flag = c.model_flag;
         void *driver = image->private_data[0];
-        EXPECT_EQ(PXF__quantize(image, image == deep ? too_deep : bytes), image);
+        EXPECT_EQ(c.quantize_to ? PXF__quantize(image, c.quantize_to) : PXF__cast(image), image);
         EXPECT_EQ(image->private_data[0], driver);
         PXF_close(image);
     }

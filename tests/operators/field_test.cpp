@@ -1,11 +1,6 @@
 // Field pairs read as one interlaced frame, over memory images named like
 // field files and over real files on disk.
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "images.h"
-#include "support/test_support.h"
 
 namespace {
 

@@ -2,10 +2,6 @@
 
 #include <cstdlib>
 
-#include <pxf/fmt.h>
-
-#include "support/test_support.h"
-
 namespace pxf::test {
 namespace {
 
@@ -16,41 +12,31 @@ struct Synthetic {
 
 int width_of(const PXF_IMAGE_DESC &d) { return d.window.right - d.window.left + 1; }
 
-// Calls f(group, channel index) for every channel.
-template <class F>
-void each_channel(const PXF_IMAGE_DESC &d, F f) {
-    int at = 0;
-    for (const PXF_CHAN_GROUP *g : {&d.chan, &d.matte, &d.aux})
-        for (int c = 0; c < g->count; ++c) f(*g, at++);
-}
-
 int read_scan(void *data, int line, void ***rows, void **) {
     auto *s = static_cast<Synthetic *>(data);
     ++scan_count;
     if (line < s->desc.window.bottom || line > s->desc.window.top) return -2;
-    int w = width_of(s->desc);
-    each_channel(s->desc, [&](const PXF_CHAN_GROUP &g, int c) {
-        void *row = s->rows[c];
-        for (int x = 0; x < w; ++x) {
-            if (g.type == PXF_C_FLOAT) static_cast<float *>(row)[x] = float_pixel(line, x, c);
-            else if (g.width <= 8) static_cast<uint8_t *>(row)[x] = uint8_t(integer_pixel(line, x, c, g.width));
-            else if (g.width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g.width));
-            else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g.width);
-        }
-    });
+    int c = 0;
+    for (const PXF_CHAN_GROUP *g : {&s->desc.chan, &s->desc.matte, &s->desc.aux})
+        for (int end = c + g->count; c < end; ++c)
+            for (int x = 0, w = width_of(s->desc); x < w; ++x) {
+                void *row = s->rows[c];
+                if (g->type == PXF_C_FLOAT) static_cast<float *>(row)[x] = float_pixel(line, x, c);
+                else if (g->width <= 8) static_cast<uint8_t *>(row)[x] = uint8_t(integer_pixel(line, x, c, g->width));
+                else if (g->width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g->width));
+                else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g->width);
+            }
     *rows = s->rows;
     return 0;
 }
 
 int write_scan(void *data, int line, void ***rows, void **) {
     auto *s = static_cast<Synthetic *>(data);
-    std::vector<uint8_t> bytes;
-    std::size_t w = std::size_t(width_of(s->desc));
-    each_channel(s->desc, [&](const PXF_CHAN_GROUP &g, int c) {
+    std::vector<uint8_t> &bytes = written_lines[line] = {};
+    for (int c = 0; c < s->desc.chan.count; ++c) {
         auto *row = static_cast<const uint8_t *>((*rows)[c]);
-        bytes.insert(bytes.end(), row, row + w * (g.width <= 8 ? 1 : g.width <= 16 ? 2 : 4));
-    });
-    written_lines[line] = bytes;
+        bytes.insert(bytes.end(), row, row + width_of(s->desc));
+    }
     return 0;
 }
 

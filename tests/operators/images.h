@@ -1,10 +1,10 @@
-// Images for the operator tests: a hand-made driver that delivers known
-// pixels, records what is written to it and logs its close; memory images
-// kept open for writing while readers open the same name; shared checks.
+// Images for the operator tests (a hand-made driver with known pixels, and
+// memory images) and the checks the tests share.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -12,7 +12,10 @@
 #include <string>
 #include <vector>
 
+#include <pxf/fmt.h>
 #include <pxf/pxf.h>
+
+#include "support/test_support.h"
 
 namespace pxf::test {
 
@@ -20,8 +23,8 @@ namespace pxf::test {
 inline std::vector<std::string> event_log;
 // Scanlines read from synthetic images.
 inline int scan_count = 0;
-// What reached synthetic write images, by scanline: every channel row as
-// the description at open time lays it out.
+// What reached synthetic write images (8-bit image channels), by scanline:
+// every channel row in turn.
 inline std::map<int, std::vector<uint8_t>> written_lines;
 
 // Window 0..width-1 x 0..height-1, top down, gamma 1, aspect 1, every group alike.
