@@ -30,7 +30,9 @@ int probe_close(PXF_IMAGE *image) {
     return PXF_close_do_it(image);
 }
 
-void probe(PXF_IMAGE *image, char name) { pxf::ops::push(image, &(new Probe{{}, name})->head, 3, probe_scan, probe_close); }
+void probe(PXF_IMAGE *image, char name) {
+    pxf::ops::push(image, &(new Probe{{}, name})->head, 3, probe_scan, probe_close);
+}
 
 TEST(Chain, ThreeStagesConvertInOrderAndCloseOutsideIn) {
     PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 3, PXF_C_INTEGER, 8), PXF_MODE_READ);

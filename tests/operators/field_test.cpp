@@ -113,7 +113,10 @@ TEST(FieldFiles, RlaShotPairReadsAsOneFrame) {
     if (!PXF_find("rla")) GTEST_SKIP() << "no rla driver in this build";
     TempDir dir;
     auto rla = [](PXF_INFO &info) { info.key = const_cast<char *>("rla"); };
-    for (int n : {7, 8}) ASSERT_EQ(PXF_close(write_field(dir.file("shot.000" + std::to_string(n) + ".rla"), n, rla)), 0);
+    for (int n : {7, 8}) {
+        std::string name = dir.file("shot.000" + std::to_string(n) + ".rla");
+        ASSERT_EQ(PXF_close(write_field(name, n, rla)), 0);
+    }
     PXF_IMAGE *field = open_mem(dir.file("shot.0007.rla"), nullptr, nullptr, rla);
     ASSERT_NE(field, nullptr);
     PXF_IMAGE *frame = PXF__field_init(field);

@@ -21,10 +21,11 @@ int read_scan(void *data, int line, void ***rows, void **) {
         for (int end = c + g->count; c < end; ++c)
             for (int x = 0, w = width_of(s->desc); x < w; ++x) {
                 void *row = s->rows[c];
+                uint32_t v = integer_pixel(line, x, c, g->width);
                 if (g->type == PXF_C_FLOAT) static_cast<float *>(row)[x] = float_pixel(line, x, c);
-                else if (g->width <= 8) static_cast<uint8_t *>(row)[x] = uint8_t(integer_pixel(line, x, c, g->width));
-                else if (g->width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(integer_pixel(line, x, c, g->width));
-                else static_cast<uint32_t *>(row)[x] = integer_pixel(line, x, c, g->width);
+                else if (g->width <= 8) static_cast<uint8_t *>(row)[x] = uint8_t(v);
+                else if (g->width <= 16) static_cast<uint16_t *>(row)[x] = uint16_t(v);
+                else static_cast<uint32_t *>(row)[x] = v;
             }
     *rows = s->rows;
     return 0;
