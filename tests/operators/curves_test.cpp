@@ -50,35 +50,23 @@ uint32_t at(const PXF_RESPONSE_CURVE &c, int channel, int i) {
     return static_cast<uint16_t *>(c.tables[channel])[i];
 }
 
-TEST(ResponseCurve, InitAndCopyBuildEveryChannel) {
-    PXF_RESPONSE_CURVE words = curve(1.0f, 2, 256, PXF_C_INTEGER, 12);
-    PXF_RESPONSE_CURVE floats = curve(0.5f, 2, 11, PXF_C_FLOAT, 32);
-    ASSERT_EQ(PXF_response_curve_init(&words), 0);
-    ASSERT_EQ(PXF_response_curve_init(&floats), 0);
-    EXPECT_EQ(words.kind, PXF_CURVE_TABLE);
-    for (int i = 0; i < 256; ++i) ASSERT_EQ(at(words, 1, i), uint32_t(trunc_half(i * (4095.0 / 255))));
-    EXPECT_FLOAT_EQ(static_cast<float *>(floats.tables[1])[4], float(std::sqrt(0.4)));
-
-    PXF_RESPONSE_CURVE copy{};
-    ASSERT_EQ(PXF_response_curve_copy(&copy, &words), 0);
-    EXPECT_NE(copy.tables[1], words.tables[1]);
-    EXPECT_EQ(std::memcmp(copy.tables[1], words.tables[1], 512), 0);
-    for (auto *c : {&words, &floats, &copy}) {
-        EXPECT_EQ(PXF_response_curve_done(c), 1);
-        EXPECT_EQ(c->tables, nullptr);
-    }
-}
-
-// Composition of every pair of kinds equals the inner table looked up in the outer one.
-TEST(ResponseCurve, CompositionOfEveryKindPair) {
+// Tables are built for every channel; composing any pair of kinds equals the
+// inner table looked up in the outer one.
+TEST(ResponseCurve, InitCopyAndCompositionOfEveryKindPair) {
     const float ga = 2.0f, gb = 2.2f;
     auto inner = [&](int i) { return uint32_t(trunc_half(std::pow(i * (1.0 / 255), double(gb)) * 4095)); };
     auto outer = [&](uint32_t v) { return uint32_t(trunc_half(std::pow(v * (1.0 / 4095), double(1.0f / ga)) * 255)); };
     PXF_RESPONSE_CURVE a_gamma = curve(ga, 3, 4096, PXF_C_INTEGER, 8), b_gamma = curve(gb, 3, 256, PXF_C_INTEGER, 12);
-    PXF_RESPONSE_CURVE a_table = a_gamma, b_table = b_gamma;
+    PXF_RESPONSE_CURVE a_table = a_gamma, b_table = b_gamma, floats = curve(0.5f, 2, 11, PXF_C_FLOAT, 32), copy{};
     a_table.gamma = 1.0f / ga;  // an outer gamma applies with its inverse
-    ASSERT_EQ(PXF_response_curve_init(&a_table), 0);
-    ASSERT_EQ(PXF_response_curve_init(&b_table), 0);
+    for (auto *c : {&a_table, &b_table, &floats}) ASSERT_EQ(PXF_response_curve_init(c), 0);
+    EXPECT_EQ(b_table.kind, PXF_CURVE_TABLE);
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(at(b_table, 2, i), inner(i));
+    EXPECT_FLOAT_EQ(static_cast<float *>(floats.tables[1])[4], float(std::sqrt(0.4)));
+    ASSERT_EQ(PXF_response_curve_copy(&copy, &b_table), 0);
+    EXPECT_NE(copy.tables[1], b_table.tables[1]);
+    EXPECT_EQ(std::memcmp(copy.tables[1], b_table.tables[1], 512), 0);
+
     PXF_RESPONSE_CURVE *pairs[][2] = {{&a_table, &b_table}, {&a_gamma, &b_table}, {&a_table, &b_gamma}};
     for (auto &p : pairs) {
         PXF_RESPONSE_CURVE r{};
@@ -91,9 +79,10 @@ TEST(ResponseCurve, CompositionOfEveryKindPair) {
     PXF_RESPONSE_CURVE r{};
     ASSERT_EQ(PXF_response_curve_comp(&a_gamma, &b_gamma, &r), 0);  // one exponent, B / A
     EXPECT_EQ(at(r, 2, 128), uint32_t(trunc_half(std::pow(128 * (1.0 / 255), double(gb / ga)) * 255)));
-    PXF_response_curve_done(&r);
-    PXF_response_curve_done(&a_table);
-    PXF_response_curve_done(&b_table);
+    for (auto *c : {&r, &a_table, &b_table, &floats, &copy}) {
+        EXPECT_EQ(PXF_response_curve_done(c), 1);
+        EXPECT_EQ(c->tables, nullptr);
+    }
 }
 
 TEST(ResponseCurve, BadShapesAreRefusedWithTheirMessages) {
@@ -106,24 +95,19 @@ TEST(ResponseCurve, BadShapesAreRefusedWithTheirMessages) {
     nibble.kind = PXF_CURVE_TABLE;
     pxf::test::ReportCapture capture;
     PXF_RESPONSE_CURVE r{};
-    struct {
-        int status;
-        const char *text;
-    } expected[] = {
-        {PXF_response_curve_comp(&three, &four, &r),
-         "Incompatible response curve channel counts (channel counts must be the same for composited response "
-         "curves)"},
-        {PXF_response_curve_comp(&three, &floats, &r),
-         "Incompatible response curve channel type (channel must be of type PXF_C_INTEGER for composited response "
-         "curve)"},
+    const std::pair<int, const char *> refused[] = {
+        {PXF_response_curve_comp(&three, &four, &r), "Incompatible response curve channel counts (channel counts "
+                                                     "must be the same for composited response curves)"},
+        {PXF_response_curve_comp(&three, &floats, &r), "Incompatible response curve channel type (channel must be "
+                                                       "of type PXF_C_INTEGER for composited response curve)"},
         {PXF_response_curve_comp(&three, &deep, &r), "Incompatible response curve channel element counts"},
         {PXF_response_curve_copy(&r, &nibble), "Invalid curve depth 1 found: must be in the range 8 to 16"},
         {PXF_response_curve_copy(&r, &odd), "Invalid curve type 7 found: must be of type PXF_C_INTEGER or PXF_C_FLOAT"},
     };
     ASSERT_EQ(capture.reports().size(), 5u);
-    for (int k = 0; k < 5; ++k) {
-        EXPECT_EQ(expected[k].status, -1);
-        EXPECT_EQ(capture.reports()[std::size_t(k)].text, expected[k].text);
+    for (std::size_t k = 0; k < 5; ++k) {
+        EXPECT_EQ(refused[k].first, -1);
+        EXPECT_EQ(capture.reports()[k].text, refused[k].second);
     }
     EXPECT_EQ(r.tables, nullptr);
     for (auto *c : {&three, &four, &floats, &deep}) PXF_response_curve_done(c);
@@ -136,10 +120,11 @@ TEST(ResponseCurve, OutOfMemoryLeavesNoTables) {
     pxf::test::ReportCapture capture;
     pxf::test::for_each_allocation_failure([&] {
         PXF_RESPONSE_CURVE r{}, copy{};
-        float *table = PXF_gamma_tof(2.2f);
         pxf__err = 0;
-        bool ok = table && PXF_response_curve_comp(&a, &b, &r) == 0 && PXF_response_curve_copy(&copy, &b) == 0;
-        EXPECT_TRUE(ok || !r.tables || !copy.tables);
+        bool ok = PXF_response_curve_comp(&a, &b, &r) == 0 && PXF_response_curve_copy(&copy, &b) == 0;
+        EXPECT_EQ(pxf__err, ok ? 0 : PXF_E_NO_MEMORY);
+        float *table = ok ? PXF_gamma_tof(2.2f) : nullptr;
+        ok = ok && table;
         PXF_gamma_done(table);
         PXF_response_curve_done(&r);
         PXF_response_curve_done(&copy);
