@@ -12,7 +12,8 @@ file(RELATIVE_PATH PXF_PLUGIN_DIR_FROM_BIN ${CMAKE_INSTALL_FULL_BINDIR}
      ${CMAKE_INSTALL_FULL_LIBDIR}/pxf/plugins)
 
 # pxf_add_plugin(NAME source...): a driver module NAME.so in the plug-in
-# directory.  Its target is pxf_plugin_NAME.  Drivers resolve the library's
+# directory.  (Drivers built outside this tree get their own pxf_add_plugin
+# from the installed package: PXFbasePlugin.cmake.)  Its target is pxf_plugin_NAME.  Drivers resolve the library's
 # names against the program that loads them, so they do not link it.
 function(pxf_add_plugin name)
   set(target pxf_plugin_${name})
@@ -40,6 +41,7 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/PXFbaseConfig.cmake.in
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/PXFbaseConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/PXFbaseConfig.cmake ${PROJECT_BINARY_DIR}/PXFbaseConfigVersion.cmake
+  ${CMAKE_CURRENT_LIST_DIR}/PXFbasePlugin.cmake
   DESTINATION ${PXF_CMAKE_INSTALL_DIR})
 
 file(RELATIVE_PATH PXF_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})

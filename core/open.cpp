@@ -144,6 +144,29 @@ opened:
     return image;
 }
 
+// A driver that refuses a row without a word (plug-ins often just return
+// -2) still gets its refusal explained, so that the user sees why.
+void explain_silent_failure(PXF_IMAGE *image, int line, int result) {
+    const char *name = image->info.handle ? image->info.handle : "the image";
+    if (result != pxf::kErrBadScanline || !image->info.images || image->info.num_images < 1) {
+        pxf::note_error_code(result);
+        return;
+    }
+    const PXF_IMAGE_DESC &d = image->info.images[0];
+    if (line < d.window.bottom || line > d.window.top) {
+        pxf::report(kSetMessages, 260, "Bad scanline: %d of %s (outside the window, rows %d to %d)", line, name,
+                    d.window.bottom, d.window.top);
+    } else {
+        const char *key = image->info.key ? image->info.key : "image";
+        bool writing = (image->mode & PXF_MODE_WRITE) != 0;
+        pxf::report(kSetMessages, 261,
+                    "Bad scanline: %d of %s (the %s driver %s rows only in order, %s, each once)", line, name, key,
+                    writing ? "writes" : "reads", (d.orientation & 1) ? "bottom row first" : "top row first");
+    }
+    pxf__err = result;
+    pxf::note_error_code(result);
+}
+
 int scan_locked(PXF_IMAGE *image, int line, void ***rows) {
     if (!image) {
         pxf__err = pxf::kErrCannotDo;
@@ -155,8 +178,11 @@ int scan_locked(PXF_IMAGE *image, int line, void ***rows) {
         pxf__err = pxf::kErrCannotDo;
         return pxf::kErrCannotDo;
     }
+    unsigned long reports = pxf::error_reports_on_thread();
     int result = image->scan(image->private_data[0], line, rows, image->private_data);
     if (result == 0) image->current_line = line;
+    else if (pxf::error_reports_on_thread() == reports) explain_silent_failure(image, line, result);
+    else pxf::note_error_code(result);
     pthread_mutex_unlock(&image->lock);
     return result;
 }
@@ -184,8 +210,14 @@ PXF_IMAGE *PXF_open(PXF_INFO *info, const char *mode) {
     pxf__err = 0;
     if (!pxf::ensure_registry("PXF_open")) return nullptr;
     if (!info) return nullptr;
-    OpenLock lock;
-    return open_locked(info, mode);
+    unsigned long reports = pxf::error_reports_on_thread();
+    PXF_IMAGE *image = nullptr;
+    {
+        OpenLock lock;
+        image = open_locked(info, mode);
+    }
+    if (!image && pxf::error_reports_on_thread() != reports) pxf::note_error_code(pxf__err);
+    return image;
 }
 
 int PXF_scan_read(PXF_IMAGE *image, int line, void ***rows) { return scan_locked(image, line, rows); }

@@ -10,6 +10,7 @@
 
 #include "errors/err_format.h"
 #include "foundation/alloc.h"
+#include "foundation/last_error.h"
 #include "foundation/report.h"
 #include "resources/rsc_errors.h"
 
@@ -122,28 +123,30 @@ int ERR_report(ERR_DESCRIPTOR *descriptor, ...) {
     va_start(args, descriptor);
     pxf::format_message(text, sizeof text, descriptor->format, args);
     va_end(args);
+    pxf::note_error_text(descriptor->severity, text);
     remember(descriptor);
     ERR_traverse_handlers(descriptor, text);
     return 0;
 }
 
 int ERR_report_cat(nl_catd catalog, int set, int number, int severity, const char *format, ...) {
-    ReportLock lock;
-    if (error_mask || severity_masked(severity)) return 0;
     const char *text = catalog ? catgets(catalog, set, number, format) : format;
     std::va_list args;
     va_start(args, format);
-    report_text(cat_report, severity, format, text, args);
+    // The thread's last error is kept even when the masks silence the report.
+    pxf::note_error_report(severity, text, args);
+    ReportLock lock;
+    if (!error_mask && !severity_masked(severity)) report_text(cat_report, severity, format, text, args);
     va_end(args);
     return 0;
 }
 
 int ERR_printf(int severity, const char *format, ...) {
-    ReportLock lock;
-    if (error_mask || severity_masked(severity)) return 0;
     std::va_list args;
     va_start(args, format);
-    report_text(plain_report, severity, format, format, args);
+    pxf::note_error_report(severity, format, args);
+    ReportLock lock;
+    if (!error_mask && !severity_masked(severity)) report_text(plain_report, severity, format, format, args);
     va_end(args);
     return 0;
 }
@@ -179,6 +182,7 @@ int ERR_report_rsc(void *, const char *name, ...) {
     va_start(args, name);
     pxf::format_message(text, sizeof text, format, args);
     va_end(args);
+    pxf::note_error_text(severity, text);
     if (run_chain(handler_list, name, severity, text, nullptr, false)) return 0;
     ERR_def_handler(name, severity, text, nullptr);
     return 0;

@@ -1,10 +1,12 @@
 // One place where the library's reports start: every message goes through
 // ERR_report_cat with the library catalogue, and failures leave their code
-// in pxf__err.
+// in pxf__err and in the calling thread's last error (PXF_last_error).
 #pragma once
 
 #include <pxf/err.h>
 #include <pxf/pxf.h>
+
+#include "foundation/last_error.h"
 
 namespace pxf {
 
@@ -57,6 +59,7 @@ template <class R, class... Args>
 inline R fail(R result, int code, int set, int number, const char *text, Args... args) noexcept {
     report(set, number, text, args...);
     pxf__err = code;
+    note_error_code(code);  // the calling thread's own copy (PXF_last_error)
     return result;
 }
 

@@ -40,6 +40,52 @@
  * report the library and skip it.  A key registered by an earlier library
  * is replaced by the later one's.
  *
+ * What the values mean:
+ *   - Strings (key, extension with its leading '.', names, format string,
+ *     name syntax) are read once and kept by pointer: they must live as long
+ *     as the module stays loaded (string literals do).
+ *   - imageOrientation is the order of the driver's files: 0 top down (rows
+ *     from window.top to window.bottom), 1 bottom up.  A reader sets bit 0
+ *     of each description's `orientation` to the same value, and `step` to 1
+ *     (rows follow one another; the field operator uses 2).
+ *   - imageBitsPerChannel, imageBitsPerMatte and imageBitsPerZChannel are
+ *     the largest element widths the driver stores; the default 128 means
+ *     "any width" and 0 "none".  The library copies the counts and widths
+ *     into the registry without acting on them; applications read them to
+ *     fit an image to the driver.
+ *   - imageIsFile(path, stream) answers whether the file is in the driver's
+ *     format, from its content: `path` is the file name, `stream` is a
+ *     caller-supplied argument passed through unchanged (PXF_get_file_type's
+ *     second argument; usually null, in which case the driver opens `path`
+ *     itself and must close it again).  It returns 1 for "mine", 0 for "not
+ *     mine or cannot tell", and must not report.
+ *
+ * Scanlines are window rows (0 is the bottom row of the default window),
+ * whatever the driver's file order; a driver that takes rows only in order
+ * returns -2 (PXF_E_BAD_SCANLINE) for any other row, and the library
+ * explains the refusal if the driver did not report it.  Declare
+ * PXF_ACCESS_RANDOM together with PXF_ACCESS_READ when the reader takes rows
+ * in any order.
+ *
+ * Memory: strings and records a driver puts into the handle (info.images,
+ * format names of the channel groups, texts such as info.desc, the
+ * private-data table) are allocated with malloc and are
+ * freed by the library with the handle; the driver never frees them
+ * itself.  Everything else the driver allocates (its own record, codec
+ * state, file streams) it frees in its close function.  Strings the
+ * library hands to the driver (info.handle, info.key, info.compression)
+ * stay the library's; copy what must outlive the call.
+ *
+ * Errors: a driver reports a failure through ERR_report_cat (or ERR_printf)
+ * with severity ERR_ERROR, sets pxf__err to the negative code and returns
+ * it (scan) or 0 (open).  pxf__err is process-wide; the calling thread's
+ * own copy (PXF_last_error) is kept by the library from the report.
+ *
+ * Threads: the library serialises the open and close functions (open
+ * lock) and the scans of one image (the image's lock), but scans of
+ * different images of the same driver run concurrently: a driver keeps
+ * its state in the image's private data, not in globals.
+ *
  * Read open (imageReadOpen) receives a handle whose info holds the caller's
  * key, file name (info.handle), option_flag, specific settings and
  * open_flag.  It must:

@@ -5,7 +5,46 @@
  * PXF_info_init or PXF_info_alloc), opens it with PXF_open in mode "r" or
  * "w", moves scanlines with PXF_scan_read / PXF_scan_write and closes it
  * with PXF_close.  Drivers come from plug-in libraries handed to PXF_init
- * and from the drivers built into the library ("pipe", "mem", ...).
+ * (PXF_load_plugins loads them from directories) and from the drivers built
+ * into the library ("pipe", "mem", ...).
+ *
+ * Scanlines.  A scanline number is a row of the image's window, in window
+ * coordinates: window.bottom is the lowest row and window.top the highest
+ * (with the default window, 0 is the bottom row).  The order in which a
+ * driver stores rows is bit 0 of PXF_IMAGE_DESC.orientation (also the
+ * driver record's `orientation`): 0 means its files run top down (window.top
+ * first), 1 bottom up (window.bottom first).  Writers take every row of the
+ * window once, in the driver's order.  Readers of the built-in "rla" and
+ * "mem" drivers take rows in any order; plug-in readers may read only in
+ * order (the shipped "png" and "tiff" readers do) - stack PXF__raster for
+ * random access, or PXF_seek back.  A driver record with both
+ * PXF_ACCESS_READ and PXF_ACCESS_RANDOM (<pxf/plugin.h>) reads in any
+ * order.
+ *
+ * Failures.  A call that fails returns a negative code (or null), reports
+ * through the ERR_ handler chain and leaves the code in pxf__err.  -2
+ * (PXF_E_BAD_SCANLINE) means the scanline was refused: outside the window,
+ * out of the driver's order, or unreadable in the file; a refusal is always
+ * reported with a message naming the row.
+ *
+ * Threads.  The library starts no thread.  PXF_init (or PXF_load_plugins)
+ * must return before other threads call the library; afterwards:
+ *   - PXF_open and PXF_close of different images may run at once: they are
+ *     serialised by the process-wide open lock, which also guards the
+ *     registry while a driver is chosen.
+ *   - Scans on different images run concurrently; scans on one image are
+ *     serialised by the image's own lock (held for the whole scan, operators
+ *     included).  Lock order: an image's lock, then the open lock.
+ *   - Installing or removing operators on an image, PXF_info / PXF_find
+ *     (they share one list position), the name-syntax and pathname
+ *     functions (one scratch buffer), pxf__build_handle (a static buffer),
+ *     the defaults databases (FMT_, FB_, CLR_) and the configuration reader
+ *     (CFG_) are not guarded: one thread at a time.
+ *   - pxf__err is one process-wide variable that every failing thread
+ *     writes; a threaded application reads PXF_last_error instead, which
+ *     holds the calling thread's own code and message.
+ *   - ERR_ reports are serialised only when the application lends a mutex
+ *     through ERR_report_mp; handlers run on the reporting thread.
  */
 #ifndef PXF_PXF_H
 #define PXF_PXF_H
@@ -17,7 +56,18 @@
 
 PXF_BEGIN_DECLS
 
-/* Reason for the last failure: a negative code (see the codes below). */
+/* The version of these headers; PXF_version() gives the library's. */
+#define PXF_VERSION_MAJOR 0
+#define PXF_VERSION_MINOR 1
+#define PXF_VERSION_PATCH 0
+/* One number for comparisons: 10000 * major + 100 * minor + patch. */
+#define PXF_VERSION_NUMBER (PXF_VERSION_MAJOR * 10000 + PXF_VERSION_MINOR * 100 + PXF_VERSION_PATCH)
+
+/* "MAJOR.MINOR.PATCH" of the library actually loaded (a static string). */
+PXF_API const char *PXF_version(void);
+
+/* Reason for the last failure of any thread: a negative code (see the codes
+ * below).  Process-wide: another thread may overwrite it at any time. */
 PXF_API extern int pxf__err;
 /* The message catalogue handed to PXF_init; null means the built-in texts. */
 PXF_API extern nl_catd pxf__msg_cat;
@@ -30,6 +80,19 @@ PXF_API extern nl_catd pxf__msg_cat;
 #define PXF_E_NO_MEMORY (-10)
 #define PXF_E_CANNOT_DO (-16)
 #define PXF_E_FLUSH (-20)
+
+/*
+ * The calling thread's last error: its code (0 when this thread has had no
+ * error since it started or since PXF_clear_last_error) and, when `message`
+ * is not null, its text in *message ("" when none; the text belongs to the
+ * library and stays valid on this thread until its next error report).
+ * Every error report the thread makes (severity ERROR or FATAL, masked or
+ * not) replaces it; successful calls leave it alone.  When a failure was
+ * reported without a code of its own, the code is the one pxf__err holds at
+ * the time of the first PXF_last_error call after it.
+ */
+PXF_API int PXF_last_error(const char **message);
+PXF_API void PXF_clear_last_error(void);
 
 /* Element types of a channel group. */
 #define PXF_C_INTEGER 1 /* unsigned integer of `width` bits in 1, 2 or 4 bytes */
@@ -243,7 +306,10 @@ typedef struct PXF_TYPE {
     int32_t text_number;
 } PXF_TYPE;
 
-/* Enumerator: delivers one loaded plug-in library per call; false when done. */
+/* Enumerator: delivers one loaded plug-in library per call (its dlopen handle
+ * and a name used in messages, which need only last until the next call) and
+ * returns non-zero; returns 0 when there are no more.  A null handle is
+ * passed over. */
 typedef int (*PXF_ENUMERATOR)(void **library, const char **name);
 
 /* ---- Image description ---- */
@@ -286,7 +352,14 @@ PXF_API int PXF_cap_setting_compare(PXF_CAP_SETTING **a, PXF_CAP_SETTING **b);
 
 /* ---- Open, scan, seek and close ---- */
 
+/* Opens info->handle ("r") or creates it ("w") through the driver named by
+ * info->key, else by the name's extension, else the default key.  Null on
+ * failure, with the reason reported and in pxf__err. */
 PXF_API PXF_IMAGE *PXF_open(PXF_INFO *info, const char *mode);
+/* One scanline (window coordinates, see the top of this header).  `rows`
+ * points at the caller's array of channel-row pointers (PXF_chan_alloc); a
+ * read may replace the array with the driver's or an operator's own rows,
+ * valid until the next scan.  0, or a negative code (-2: refused row). */
 PXF_API int PXF_scan_read(PXF_IMAGE *image, int line, void ***rows);
 PXF_API int PXF_scan_write(PXF_IMAGE *image, int line, void ***rows);
 PXF_API int PXF_direct_scan_read(PXF_IMAGE *image, int line, void *buffer, int64_t arg, int count,
@@ -321,7 +394,36 @@ PXF_API int PXF_multiframe_set_closed(PXF_IMAGE *image);
 PXF_API extern PXF_TYPE *pxf__type_list_dso;
 PXF_API extern int pxf__num_pxf_types_dso;
 
+/*
+ * Builds the registry: stores the catalogue (null: the built-in texts),
+ * reads the format and colour defaults, then calls the enumerator (may be
+ * null) until it returns 0 and registers the image... symbols of each
+ * library handle it delivers; the built-in drivers follow.  It never loads a
+ * library itself.  Returns 0 on success (also when the registry already
+ * exists: it then only rewinds the list position of PXF_info and calls no
+ * enumerator) and -1 when the defaults cannot be read or memory runs out.
+ * A library that fails its checks is reported and passed over; that is not
+ * a failure of PXF_init.  PXF_open, PXF_find and PXF_info call
+ * PXF_init(NULL, NULL) themselves when the application has not.
+ */
 PXF_API int PXF_init(nl_catd catalog, PXF_ENUMERATOR enumerator);
+/*
+ * Loads driver plug-ins and builds the registry with them: every module
+ * "*.so" of the directories in `directories` (':'-separated, may be null)
+ * and then of those in the environment variable PXF_PLUGIN_PATH, each
+ * directory in name order, is opened with dlopen(RTLD_NOW | RTLD_LOCAL) and
+ * handed to PXF_init(catalog, enumerator) in that order; a later module
+ * replaces an earlier one of the same key, so PXF_PLUGIN_PATH overrides the
+ * application's list.  A missing directory is passed over; one that cannot
+ * be read, or a module that does not load, is reported as a warning and
+ * passed over.  The modules stay
+ * loaded for the life of the process (PXF_exit does not unload them).
+ * When the registry already exists nothing is loaded (call PXF_exit first).
+ * Returns what PXF_init returns, or -1 with pxf__err -10 when memory runs
+ * out.  Same threading rule as PXF_init.
+ */
+PXF_API int PXF_load_plugins(nl_catd catalog, const char *directories);
+/* Releases the registry (calling each plug-in's imageDone) and the defaults. */
 PXF_API void PXF_exit(void);
 PXF_API PXF_TYPE *PXF_find(const char *key);
 PXF_API PXF_TYPE *PXF_info(void);

@@ -36,4 +36,13 @@ cc ${OUTSIDE_CFLAGS:-} -std=c99 -o "$work/by-pkg-config" "$source/tests/install/
 # 3. The installed command finds the installed plug-ins by itself.
 "$prefix/bin/pxf" formats | grep -q '^png ' || fail "the installed pxf does not find its plug-ins"
 "$prefix/bin/pxf" make-sample "$work/sample.tif" || fail "the installed pxf cannot write"
+# 4. The driver the outside project built with pxf_add_plugin loads in the installed pxf.
+[ -f "$work/by-cmake/outside_driver.so" ] || fail "pxf_add_plugin built no outside_driver.so"
+PXF_PLUGIN_PATH="$work/by-cmake" "$prefix/bin/pxf" formats | grep -q '^outside ' ||
+  fail "the driver built with pxf_add_plugin does not load"
+printf 'OUTSIDE data' >"$work/probe.bin"
+PXF_PLUGIN_PATH="$work/by-cmake" "$prefix/bin/pxf" info "$work/probe.bin" 2>"$work/probe.err" && fail "probe file opened"
+grep -q 'outside driver reads nothing' "$work/probe.err" || fail "the outside driver's probe was not asked"
+"$prefix/bin/pxf" --version | grep -q "^pxf $("$work/by-cmake/outside" --version)" || fail "pxf --version disagrees with the headers"
+
 echo "ok: installed to $prefix and built against it both ways"

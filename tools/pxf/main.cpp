@@ -2,6 +2,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <pxf/plugin.h>
+
 #include "tool.h"
 
 namespace {
@@ -32,6 +34,12 @@ int main(int argc, char **argv) {
     args.erase(args.begin());
     if (command == "--help" || command == "-h" || command == "help") {
         std::fputs(kHelp, stdout);
+        return kExitOk;
+    }
+    if (command == "--version" || command == "-V") {
+        // The headers the command was built with, then the library it runs with.
+        std::printf("pxf %d.%d.%d (libPXFbase %s, plug-in protocol %s)\n", PXF_VERSION_MAJOR, PXF_VERSION_MINOR,
+                    PXF_VERSION_PATCH, PXF_version(), PXF_PLUGIN_PROTOCOL);
         return kExitOk;
     }
     try {

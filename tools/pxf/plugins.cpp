@@ -1,8 +1,5 @@
-// Finding and loading the driver plug-ins.  The library never loads a
-// library itself: the tool dlopens every module of the plug-in path and
-// hands the handles over through PXF_init's enumerator.
-#include <dirent.h>
-#include <dlfcn.h>
+// Finding and loading the driver plug-ins through the library's loader
+// (PXF_load_plugins: PXF_PLUGIN_PATH, else the directory beside the program).
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,39 +20,9 @@
 namespace pxftool {
 namespace {
 
-struct Loaded {
-    void *handle;
-    std::string name;
-};
-std::vector<Loaded> loaded;
-std::size_t next_loaded = 0;
-
-int enumerate(void **library, const char **name) {
-    if (next_loaded >= loaded.size()) return 0;
-    *library = loaded[next_loaded].handle;
-    *name = loaded[next_loaded].name.c_str();
-    ++next_loaded;
-    return 1;
-}
-
 bool is_directory(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-std::vector<std::string> split_path(const char *list) {
-    std::vector<std::string> dirs;
-    std::string item;
-    for (const char *c = list;; ++c) {
-        if (*c == ':' || *c == '\0') {
-            if (!item.empty()) dirs.push_back(item);
-            item.clear();
-            if (!*c) break;
-        } else {
-            item += *c;
-        }
-    }
-    return dirs;
 }
 
 // Without PXF_PLUGIN_PATH: the plug-in directory beside the program (so a
@@ -72,36 +39,16 @@ std::vector<std::string> default_dirs(const char *argv0) {
     return {PXF_TOOL_PLUGIN_DIR};
 }
 
-void load_directory(const std::string &dir) {
-    DIR *d = opendir(dir.c_str());
-    if (!d) return;
-    std::vector<std::string> names;
-    while (dirent *e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0) names.push_back(name);
-    }
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    for (const std::string &name : names) {
-        std::string path = dir + "/" + name;
-        void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!handle) {
-            const char *why = dlerror();
-            warn("cannot load plug-in " + path + ": " + (why ? why : "unknown reason"));
-            continue;
-        }
-        loaded.push_back({handle, name.substr(0, name.size() - 3)});
-    }
-}
-
 }  // namespace
 
 void load_plugins(const char *argv0) {
+    // PXF_PLUGIN_PATH replaces the default directory rather than adding to it.
     const char *list = std::getenv("PXF_PLUGIN_PATH");
-    std::vector<std::string> dirs = list ? split_path(list) : default_dirs(argv0);
-    for (const std::string &dir : dirs) load_directory(dir);
-    next_loaded = 0;
-    if (PXF_init(nullptr, enumerate) != 0) fail_with_report("pxf", "cannot initialise the image library");
+    std::string dirs;
+    if (!list)
+        for (const std::string &dir : default_dirs(argv0)) dirs += (dirs.empty() ? "" : ":") + dir;
+    if (PXF_load_plugins(nullptr, list ? nullptr : dirs.c_str()) != 0)
+        fail_with_report("pxf", "cannot initialise the image library");
 }
 
 std::vector<PXF_TYPE *> all_drivers() {

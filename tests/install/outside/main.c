@@ -5,7 +5,7 @@
 
 #include <pxf/pxf.h>
 
-int main(void) {
+int main(int argc, char **argv) {
     PXF_IMAGE_DESC desc;
     PXF_INFO info;
     PXF_IMAGE *out, *in;
@@ -14,6 +14,13 @@ int main(void) {
     int y, x, bad = 0;
     char name[] = "outside", key[] = "mem";
 
+    if (argc > 1 && strcmp(argv[1], "--version") == 0) {
+        /* The headers it was built with and the library it runs with agree. */
+        char built[32];
+        snprintf(built, sizeof built, "%d.%d.%d", PXF_VERSION_MAJOR, PXF_VERSION_MINOR, PXF_VERSION_PATCH);
+        printf("%s\n", built);
+        return strcmp(built, PXF_version()) != 0;
+    }
     memset(&desc, 0, sizeof desc);
     desc.image_kind = 1;
     desc.curve.kind = PXF_CURVE_GAMMA;
