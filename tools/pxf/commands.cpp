@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "tool.h"
@@ -171,33 +172,6 @@ void describe_text(const std::string &path, const FileSource &file) {
     for (const Text &t : texts_of(info)) std::printf("  %-12s %s\n", t.key, t.value);
 }
 
-// ---- Frame sequences ----
-
-bool has_frame_field(const std::string &path) {
-    std::size_t slash = path.rfind('/');
-    return path.find('#', slash == std::string::npos ? 0 : slash) != std::string::npos;
-}
-
-// name.####.ext with frame 7 gives name.0007.ext: the run of '#' sets the
-// width (longer numbers are written in full).
-std::string frame_path(const std::string &path, int frame) {
-    std::size_t slash = path.rfind('/');
-    std::size_t start = path.find('#', slash == std::string::npos ? 0 : slash);
-    if (start == std::string::npos) return path;
-    std::size_t end = path.find_first_not_of('#', start);
-    if (end == std::string::npos) end = path.size();
-    char digits[32];
-    std::snprintf(digits, sizeof digits, "%0*d", int(end - start), frame);
-    return path.substr(0, start) + digits + path.substr(end);
-}
-
-void parse_frames(const std::string &text, int &first, int &last) {
-    std::size_t dash = text.find('-', 1);
-    first = int(parse_integer(text.substr(0, dash), "--frames", 0, 99999999));
-    last = dash == std::string::npos ? first : int(parse_integer(text.substr(dash + 1), "--frames", 0, 99999999));
-    if (last < first) throw UsageError("--frames: the range " + text + " runs backwards");
-}
-
 const char *kConvertHelp =
     "usage: pxf convert IN OUT [options]\n"
     "\n"
@@ -212,9 +186,15 @@ const char *kConvertHelp =
     "  --field            pair two field files (name.NNNN) into one frame\n"
     "  --compression C    compression where the format offers a choice\n"
     "                     (tiff: none, lzw, deflate, packbits)\n"
-    "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
-    "  --jobs N           convert up to N frames at once (default 1)\n"
-    "  --quiet            no progress bar\n";
+    "  --frames LIST      frames of name.####.ext sequences: 1-100, 1-100x2\n"
+    "                     (every 2nd), 1,5,9; without it, the frames on disk\n"
+    "  --jobs N, -j N     convert up to N frames at once (default 1)\n"
+    "  --quiet, -q        no progress bar and no notes\n"
+    "  --verbose, -v      say what is loaded and written\n"
+    "\n"
+    "A sequence is named with #### (one # per digit), %04d or @@@@.  IN may\n"
+    "be - for standard input; OUT - writes standard output, in the format\n"
+    "of --key (default rla).  --opt=value works for every option.\n";
 
 const char *kInfoHelp =
     "usage: pxf info [--json] FILE...\n"
@@ -223,7 +203,10 @@ const char *kInfoHelp =
     "size and windows, channel groups with types and widths, gamma,\n"
     "primaries, frame, texts and compression.\n"
     "\n"
-    "  --json    one JSON array of descriptions, for scripts\n";
+    "  --json    one JSON array of descriptions, for scripts\n"
+    "\n"
+    "FILE may be a sequence (name.####.ext, name.%04d.ext): every frame on\n"
+    "disk is described.  - reads standard input.\n";
 
 const char *kFormatsHelp =
     "usage: pxf formats\n"
@@ -270,9 +253,29 @@ int run_info(const std::vector<std::string> &args) {
     if (files.empty()) throw UsageError("info needs at least one FILE");
     int status = kExitOk;
     std::vector<std::string> entries;
+    StandardStreams streams;
+    // A pattern stands for the frames of its sequence found on disk.
+    std::vector<std::string> expanded;
     for (const std::string &path : files) {
+        if (!Sequence::is_pattern(path)) {
+            expanded.push_back(path);
+            continue;
+        }
+        Sequence sequence(path);
+        std::vector<int> frames = sequence.discover();
+        if (frames.empty()) {
+            std::fprintf(stderr, "pxf: %s: no files of this sequence were found\n", path.c_str());
+            status = kExitFailed;
+            continue;
+        }
+        if (!json)
+            std::printf("%s: %zu frame%s, %s\n", path.c_str(), frames.size(), frames.size() == 1 ? "" : "s",
+                        describe_frames(frames).c_str());
+        for (int f : frames) expanded.push_back(sequence.frame(f));
+    }
+    for (const std::string &path : expanded) {
         try {
-            FileSource file(path, ReadOptions{});
+            FileSource file(streams.input(path), ReadOptions{});
             if (json) entries.push_back(describe_json(path, file));
             else describe_text(path, file);
         } catch (const Failure &e) {
@@ -297,7 +300,7 @@ int run_convert(const std::vector<std::string> &args) {
     std::vector<std::string> paths;
     std::string frames;
     int jobs = 1;
-    bool quiet = false;
+    bool quiet = global_options().quiet;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
         if (a == "--key") write.key = next_value(args, i);
@@ -313,31 +316,55 @@ int run_convert(const std::vector<std::string> &args) {
     }
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
     const std::string &in = paths[0], &out = paths[1];
+    bool in_sequence = Sequence::is_pattern(in), out_sequence = Sequence::is_pattern(out);
 
-    if (frames.empty()) {
-        if (has_frame_field(in) || has_frame_field(out))
-            throw UsageError("convert: a name.####.ext sequence needs --frames A-B");
+    if (!in_sequence) {
+        if (!frames.empty()) throw UsageError("--frames: IN needs a frame field, as in name.####.ext");
+        if (out_sequence) throw UsageError("OUT has a frame field but IN is one image (give IN as name.####.ext)");
+        StandardStreams streams;
+        std::string out_path = streams.output(out, write);
         Progress bar("convert", !quiet);
-        FileSource source(in, read);
-        write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
+        FileSource source(streams.input(in), read);
+        write_image(source, out_path, write, [&](int done, int total) { bar.update(done, total); });
+        bar.finish();
+        streams.finish();
+        tell("wrote " + out);
         return kExitOk;
     }
 
-    int first = 0, last = 0;
-    parse_frames(frames, first, last);
-    if (!has_frame_field(in)) throw UsageError("--frames: IN needs a frame field, as in name.####.ext");
-    if (!has_frame_field(out) && last > first)
-        throw UsageError("--frames: OUT needs a frame field, as in name.####.ext");
-    int count = last - first + 1;
+    Sequence input(in);
+    std::vector<int> numbers = frames.empty() ? input.discover() : parse_frame_ranges(frames);
+    if (numbers.empty()) throw Failure(in + ": no files of this sequence were found");
+    if (frames.empty()) tell(in + ": frames " + describe_frames(numbers));
+    if (!out_sequence && numbers.size() > 1)
+        throw UsageError("OUT needs a frame field, as in name.####.ext, to hold " + std::to_string(numbers.size()) +
+                         " frames");
+    if (out == "-") throw UsageError("a sequence cannot go to standard output");
+    StandardStreams checks;
+    checks.output(out, write);  // refuses what pxf cannot write, before any frame is read
+    std::optional<Sequence> output;
+    if (out_sequence) output.emplace(out);
+    struct Job {
+        std::string from, to;
+    };
+    std::vector<Job> jobs_list;
+    for (int f : numbers) jobs_list.push_back({input.frame(f), output ? output->frame(f) : out});
+    int count = int(jobs_list.size());
+    // A note about one frame is a note about them all: say it once, of the pattern.
+    NoteGroup once([&](const std::string &text) {
+        for (const Job &j : jobs_list)
+            if (text.compare(0, j.to.size() + 2, j.to + ": ") == 0) return out + text.substr(j.to.size());
+        return text;
+    });
     std::atomic<int> next{0}, done{0}, failed{0};
     std::mutex print;
     Progress bar("convert", !quiet);
     auto worker = [&] {
         for (int i; (i = next++) < count;) {
-            int frame = first + i;
             try {
-                FileSource source(frame_path(in, frame), read);
-                write_image(source, frame_path(out, frame), write, nullptr);
+                FileSource source(jobs_list[std::size_t(i)].from, read);
+                write_image(source, jobs_list[std::size_t(i)].to, write, nullptr);
+                tell("wrote " + jobs_list[std::size_t(i)].to);
             } catch (const std::exception &e) {
                 ++failed;
                 bar.finish();
@@ -376,8 +403,12 @@ int run_make_sample(const std::vector<std::string> &args) {
         }
     }
     if (paths.size() != 1) throw UsageError("make-sample needs one OUT file");
+    StandardStreams streams;
+    std::string out_path = streams.output(paths[0], write);
     auto sample = make_sample(width, height);
-    write_image(*sample, paths[0], write, nullptr);
+    write_image(*sample, out_path, write, nullptr);
+    streams.finish();
+    tell("wrote " + paths[0]);
     return kExitOk;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <set>
 
 #include "tool.h"
 
@@ -50,9 +51,37 @@ void fail_with_report(const std::string &what, const std::string &fallback) {
 QuietReports::QuietReports() : was_(quiet) { quiet = true; }
 QuietReports::~QuietReports() { quiet = was_; }
 
-void note_that(const std::string &text) {
+namespace {
+NoteGroup *note_group = nullptr;
+std::set<std::string> notes_said;
+}  // namespace
+
+NoteGroup::NoteGroup(std::function<std::string(const std::string &)> rename) : rename_(std::move(rename)) {
     std::lock_guard<std::mutex> hold(print_lock);
+    note_group = this;
+    notes_said.clear();
+}
+
+NoteGroup::~NoteGroup() {
+    std::lock_guard<std::mutex> hold(print_lock);
+    note_group = nullptr;
+}
+
+void note_that(const std::string &given) {
+    if (global_options().quiet) return;
+    std::lock_guard<std::mutex> hold(print_lock);
+    std::string text = given;
+    if (note_group) {
+        text = note_group->rename_(given);
+        if (!notes_said.insert(text).second) return;
+    }
     std::fprintf(stderr, "pxf: note: %s\n", text.c_str());
+}
+
+void tell(const std::string &text) {
+    if (!global_options().verbose) return;
+    std::lock_guard<std::mutex> hold(print_lock);
+    std::fprintf(stderr, "pxf: %s\n", text.c_str());
 }
 
 void warn(const std::string &text) {

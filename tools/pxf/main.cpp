@@ -25,7 +25,13 @@ const char *kHelp =
 
 int main(int argc, char **argv) {
     using namespace pxftool;
-    std::vector<std::string> args(argv + 1, argv + argc);
+    std::vector<std::string> args;
+    try {
+        args = normalise_arguments(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const UsageError &e) {
+        std::fprintf(stderr, "pxf: %s\n", e.what());
+        return kExitUsage;
+    }
     if (args.empty()) {
         std::fputs(kHelp, stderr);
         return kExitUsage;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
@@ -49,6 +50,12 @@ void load_plugins(const char *argv0) {
         for (const std::string &dir : default_dirs(argv0)) dirs += (dirs.empty() ? "" : ":") + dir;
     if (PXF_load_plugins(nullptr, list ? nullptr : dirs.c_str()) != 0)
         fail_with_report("pxf", "cannot initialise the image library");
+    if (global_options().verbose) {
+        std::string keys;
+        for (PXF_TYPE *d : all_drivers())
+            if (!d->builtin) keys += (keys.empty() ? "" : ", ") + std::string(d->key ? d->key : "?");
+        tell("plug-ins from " + std::string(list ? list : dirs.c_str()) + ": " + (keys.empty() ? "none" : keys));
+    }
 }
 
 std::vector<PXF_TYPE *> all_drivers() {
@@ -65,7 +72,32 @@ std::vector<PXF_TYPE *> all_drivers() {
 
 PXF_TYPE *find_driver(const std::string &key_or_extension) {
     if (key_or_extension.empty()) return nullptr;
-    return PXF_find(key_or_extension.c_str());
+    if (PXF_TYPE *d = PXF_find(key_or_extension.c_str())) return d;
+    std::string lower = key_or_extension;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    if (PXF_TYPE *d = PXF_find(lower.c_str())) return d;
+    if (lower[0] != '.') return nullptr;
+    // ".tiff" names the driver whose key is "tiff"; the usual spellings of
+    // an extension name the driver of the other.
+    if (PXF_TYPE *d = PXF_find(lower.c_str() + 1)) return d;
+    static const char *const kSpellings[][3] = {
+        {".tif", ".tiff", nullptr}, {".jpg", ".jpeg", ".jpe"}, {".rla", ".rlb", nullptr}, {".exr", ".sxr", nullptr}};
+    for (const auto &group : kSpellings) {
+        bool member = false;
+        for (const char *e : group) member = member || (e && lower == e);
+        if (!member) continue;
+        for (const char *e : group)
+            if (e && lower != e)
+                if (PXF_TYPE *d = PXF_find(e)) return d;
+    }
+    return nullptr;
+}
+
+std::string probing_formats() {
+    std::string keys;
+    for (PXF_TYPE *d : all_drivers())
+        if (d->is_file && d->key && (d->access & 4)) keys += (keys.empty() ? "" : ", ") + std::string(d->key);
+    return keys;
 }
 
 std::string extension_of(const std::string &path) {

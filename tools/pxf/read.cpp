@@ -30,7 +30,9 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
     driver_key_ = probe(path);
     if (driver_key_.empty()) {
         PXF_TYPE *by_name = find_driver(extension_of(path));
-        if (!by_name) throw Failure(path + ": unknown image format (no driver recognises it; see pxf formats)");
+        if (!by_name)
+            throw Failure(path + ": unknown image format: no driver recognises its content (tried " +
+                          probing_formats() + ") and no driver has the extension \"" + extension_of(path) + "\"");
         driver_key_ = by_name->key;
     }
     PXF_INFO info;

@@ -35,6 +35,16 @@ std::string take_report();
 void warn(const std::string &text);
 // Information the user should see ("pxf: note: ..."), not a problem.
 void note_that(const std::string &text);
+// While one lives, notes are renamed by `rename` (a frame's file name to its
+// sequence's, say) and each text is said once.
+class NoteGroup {
+public:
+    explicit NoteGroup(std::function<std::string(const std::string &)> rename);
+    ~NoteGroup();
+    NoteGroup(const NoteGroup &) = delete;
+    NoteGroup &operator=(const NoteGroup &) = delete;
+    std::function<std::string(const std::string &)> rename_;
+};
 // Drops this thread's reports while it lives (clean-up after a failure).
 class QuietReports {
 public:
@@ -45,6 +55,22 @@ private:
     bool was_;
 };
 
+// ---- Command-line conventions (args.cpp) ----
+
+// Options of the command as a whole, wherever they stand.
+struct GlobalOptions {
+    bool quiet = false;   // -q, --quiet: no progress bar, no notes
+    bool verbose = false; // -v, --verbose: say what is loaded and written
+};
+const GlobalOptions &global_options();
+// The arguments in the one form the subcommands' parsers read: --opt=value
+// becomes --opt value, short forms (-q, -v, -jN, -j N, -h) their long
+// options, "--" ends the options; --quiet and --verbose are taken out into
+// global_options().
+std::vector<std::string> normalise_arguments(const std::vector<std::string> &args);
+// Says what is being done, with --verbose only.
+void tell(const std::string &text);
+
 // ---- Plug-ins (plugins.cpp) ----
 
 // Loads every plug-in of PXF_PLUGIN_PATH (or the default directory) and
@@ -52,8 +78,11 @@ private:
 void load_plugins(const char *argv0);
 // Every registered driver record: plug-ins first, then the built-ins.
 std::vector<PXF_TYPE *> all_drivers();
-// The driver record for a key or an extension, or null.
+// The driver record for a key or an extension, or null.  Extensions match
+// in any case and in their usual spellings (.tiff, .TIF, .jpeg, .jpg).
 PXF_TYPE *find_driver(const std::string &key_or_extension);
+// The keys of the readers that recognise files by content, for messages.
+std::string probing_formats();
 std::string extension_of(const std::string &path);
 
 // ---- Layouts and rows (pixels.cpp) ----
@@ -121,6 +150,54 @@ struct WriteOptions {
 // out of lines total.  Removes a partly written file on failure.
 void write_image(RowSource &source, const std::string &path, const WriteOptions &options,
                  const std::function<void(int, int)> &progress);
+
+// ---- Frame sequences (sequence.cpp) ----
+
+// Files name.####.ext, name.%04d.ext or name.@@@@.ext (the field's width is
+// the least number of digits).  File names come from the library's pathname
+// builder under a name syntax made from the pattern.
+class Sequence {
+public:
+    static bool is_pattern(const std::string &path);
+    explicit Sequence(const std::string &pattern);
+    const std::string &pattern() const { return pattern_; }
+    std::string frame(int number) const;
+    // The frames whose files exist, in ascending order.
+    std::vector<int> discover() const;
+
+private:
+    std::string build(int frame, int mode) const;
+    std::string pattern_, syntax_, example_, key_, extension_;
+};
+// "1-100x2,200": frames in the order given, each once.
+std::vector<int> parse_frame_ranges(const std::string &text);
+// The frames again in that notation ("1-9x2, 12").
+std::string describe_frames(const std::vector<int> &frames);
+
+// ---- Standard input and output (streams.cpp) ----
+
+// Stands in files for "-": input() gives a file holding standard input,
+// output() the file to write for standard output (and refuses outputs pxf
+// cannot make: mem, and pipe other than to "-"), finish() copies it out.
+// Its scratch files go when it does.
+class StandardStreams {
+public:
+    StandardStreams() = default;
+    StandardStreams(const StandardStreams &) = delete;
+    StandardStreams &operator=(const StandardStreams &) = delete;
+    ~StandardStreams();
+    std::string input(const std::string &path);
+    std::string output(const std::string &path, WriteOptions &options);
+    void finish();
+
+private:
+    std::string scratch(const std::string &name);
+    std::string dir_;
+    std::vector<std::string> made_;
+    std::string stdout_file_;
+    bool stdin_used_ = false;
+    bool direct_ = false;
+};
 
 // ---- Reading (read.cpp) ----
 
