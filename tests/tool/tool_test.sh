@@ -156,6 +156,77 @@ plugin_path)
   PXF_PLUGIN_PATH=/nonexistent expect 1 "$pxf" make-sample x.png
   one_line_error '.png'
   ;;
+conventions)
+  # --opt=value, bundled short flags, -j with its value attached, "--".
+  expect 0 "$pxf" make-sample --size=16x8 --key=tiff s.out
+  expect 0 "$pxf" info s.out
+  has 'size *16 x 8'
+  expect 0 "$pxf" convert s.out s.png -qj2
+  [ ! -s err.txt ] || fail "-q left notes or progress on stderr: $(cat err.txt)"
+  expect 0 "$pxf" convert s.out s2.png -v
+  has 'wrote s2.png' err.txt
+  has 'plug-ins from' err.txt
+  expect 2 "$pxf" convert s.out s3.png -x
+  one_line_error 'option -x'
+  expect 2 "$pxf" convert s.out s3.png --quiet=yes
+  one_line_error 'takes no value'
+  expect 0 "$pxf" convert -- s.png -odd.png
+  [ -f ./-odd.png ] || fail "-- did not end the options"
+  expect 0 "$pxf" --version
+  grep -qE '^pxf [0-9]+\.[0-9]+\.[0-9]+ \(libPXFbase [0-9.]+, plug-in protocol 3\.2\)$' out.txt || fail "--version: $(cat out.txt)"
+  # Extension spellings.
+  expect 0 "$pxf" convert s.png s.TIFF
+  tiff_ok s.TIFF
+  # - for standard input and output.
+  "$pxf" convert s.png - --key tiff >stdout.tif 2>err.txt || fail "convert to - failed: $(cat err.txt)"
+  tiff_ok stdout.tif
+  "$pxf" convert - back.png <stdout.tif || fail "convert from - failed"
+  "$pxf" info - <back.png >out.txt || fail "info - failed"
+  has 'format *png'
+  "$pxf" convert s.png - >default.out 2>/dev/null || fail "convert to - without --key failed"
+  expect 0 "$pxf" info default.out
+  has 'format *rla'
+  expect 1 "$pxf" info - </dev/null
+  one_line_error 'standard input is empty'
+  # pipe and mem are not outputs of a file; pipe goes to standard output on request.
+  expect 2 "$pxf" convert s.png x.pipe
+  one_line_error 'give - as OUT'
+  [ ! -e x.pipe ] || fail "a refused pipe output left a file"
+  expect 2 "$pxf" convert s.png x --key mem
+  one_line_error mem
+  "$pxf" convert s.png - --key pipe >packets.bin || fail "pipe to - failed"
+  [ -s packets.bin ] || fail "no packets on standard output"
+  # A file nobody recognises names the formats that were tried.
+  printf 'nothing to see' >junk.dat
+  expect 1 "$pxf" info junk.dat
+  one_line_error 'tried png, tiff'
+  ;;
+sequences)
+  for f in 1 3 5 7; do expect 0 "$pxf" make-sample "shot_$f.tif" --size 8x4; done
+  for f in 1 3 5; do expect 0 "$pxf" make-sample "seq.000$f.tif" --size 8x4; done
+  # Frames found on disk; %04d and @ patterns; one note per sequence.
+  expect 0 "$pxf" convert 'seq.%04d.tif' 'png.@@@@.png'
+  for f in 1 3 5; do pngcheck -q "png.000$f.png" >/dev/null || fail "png.000$f.png"; done
+  [ "$(grep -c 'auxiliary' err.txt)" -eq 1 ] || { cat err.txt >&2; fail "the note was not said once per sequence"; }
+  has 'png.@@@@.png: ' err.txt
+  # A step, a list, and names without a dot before the frame.
+  expect 0 "$pxf" convert 'shot_#.tif' 'every2nd.####.rla' --frames 1-7x2
+  ls every2nd.*.rla | tr '\n' ' ' | grep -qx 'every2nd.0001.rla every2nd.0003.rla every2nd.0005.rla every2nd.0007.rla ' ||
+    fail "1-7x2 wrote $(ls every2nd.*)"
+  expect 0 "$pxf" convert 'shot_#.tif' 'list_##.rla' --frames=7,3
+  [ -e list_07.rla ] && [ -e list_03.rla ] && [ ! -e list_05.rla ] || fail "--frames 7,3 wrote $(ls list_*)"
+  expect 2 "$pxf" convert 'shot_#.tif' 'y.#.rla' --frames 5-1
+  one_line_error backwards
+  expect 2 "$pxf" convert 'shot_#.tif' 'y.#.rla' --frames 1-5x0
+  one_line_error step
+  # info over a pattern; frames of other names in the directory stay out.
+  touch seq.0002x.tif seq.02.tif
+  expect 0 "$pxf" info 'seq.####.tif'
+  has '^seq.####.tif: 3 frames, 1-5x2$'
+  [ "$(grep -c 'format *tiff' out.txt)" -eq 3 ] || fail "info over a pattern: $(cat out.txt)"
+  expect 1 "$pxf" info 'none.####.tif'
+  one_line_error 'no files'
+  ;;
 *)
   fail "unknown case"
   ;;

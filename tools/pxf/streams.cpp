@@ -91,7 +91,9 @@ std::string StandardStreams::output(const std::string &path, WriteOptions &optio
     if (path != "-") return path;
     if (stdout_file_.empty() == false) throw UsageError("standard output (-) can be written only once");
     // The pipe driver writes to standard output itself; the name is unused.
-    stdout_file_ = scratch(key == "pipe" ? "pipe-output" : "stdout");
+    // With the driver's extension: some drivers add it to a name without one.
+    std::string ext = driver && driver->extension ? driver->extension : "";
+    stdout_file_ = scratch((key == "pipe" ? "pipe-output" : "stdout") + ext);
     direct_ = key == "pipe";
     return stdout_file_;
 }
