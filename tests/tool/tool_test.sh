@@ -174,6 +174,17 @@ conventions)
   [ -f ./-odd.png ] || fail "-- did not end the options"
   expect 0 "$pxf" --version
   grep -qE '^pxf [0-9]+\.[0-9]+\.[0-9]+ \(libPXFbase [0-9.]+, plug-in protocol 3\.2\)$' out.txt || fail "--version: $(cat out.txt)"
+  # Manual page and completion, made from the help texts.
+  expect 0 "$pxf" --man
+  has '^\.TH PXF 1'
+  has '^\.B \\-\\-frames LIST'
+  if command -v man >/dev/null; then man -l out.txt >/dev/null 2>&1 || fail "man cannot format the page"; fi
+  expect 0 "$pxf" --completion bash
+  bash -n out.txt || fail "the completion script does not parse"
+  has 'convert) local opts=".*--frames'
+  ( PATH=$(dirname "$pxf"):$PATH; source out.txt; COMP_WORDS=(pxf convert --fr); COMP_CWORD=2; _pxf
+    [ "${COMPREPLY[*]}" = --frames ] ) || fail "completing --fr does not give --frames"
+  expect 2 "$pxf" --completion zsh
   # Extension spellings.
   expect 0 "$pxf" convert s.png s.TIFF
   tiff_ok s.TIFF
@@ -200,6 +211,24 @@ conventions)
   printf 'nothing to see' >junk.dat
   expect 1 "$pxf" info junk.dat
   one_line_error 'tried png, tiff'
+  ;;
+texts)
+  # The user and host names go into a file only with --stamp; --attrib sets
+  # a text, --strip leaves the input's out.
+  expect 0 "$pxf" make-sample t.tif --size 8x4 --attrib description=hello
+  expect 0 "$pxf" info --json t.tif
+  has '"description": "hello"'
+  ! grep -qE '"(user|machine)"' out.txt || fail "user or host written unasked: $(cat out.txt)"
+  expect 0 "$pxf" convert t.tif stamped.tif --stamp --attrib=description=shot-12
+  expect 0 "$pxf" info --json stamped.tif
+  has "\"user\": \"$(id -un)\""
+  has '"machine": '
+  has '"description": "shot-12"'
+  expect 0 "$pxf" convert stamped.tif bare.tif --strip
+  expect 0 "$pxf" info --json bare.tif
+  ! grep -qE '"(user|machine|description|text_a)"' out.txt || fail "--strip kept texts: $(cat out.txt)"
+  expect 2 "$pxf" convert t.tif x.tif --attrib colour=red
+  one_line_error 'NAME=VALUE'
   ;;
 sequences)
   for f in 1 3 5 7; do expect 0 "$pxf" make-sample "shot_$f.tif" --size 8x4; done

@@ -191,6 +191,11 @@ const char *kConvertHelp =
     "  --jobs N, -j N     convert up to N frames at once (default 1)\n"
     "  --quiet, -q        no progress bar and no notes\n"
     "  --verbose, -v      say what is loaded and written\n"
+    "  --attrib NAME=VALUE  set a text of the description (name, description,\n"
+    "                     program, machine, user, date, text_a, text_b)\n"
+    "  --strip            leave out the input's texts\n"
+    "  --stamp            record this user and host names in OUT (not done\n"
+    "                     unless asked)\n"
     "\n"
     "A sequence is named with #### (one # per digit), %04d or @@@@.  IN may\n"
     "be - for standard input; OUT - writes standard output, in the format\n"
@@ -223,7 +228,9 @@ const char *kSampleHelp =
     "\n"
     "  --size WxH         image size (default 320x240)\n"
     "  --key KEY          output format key (default: from OUT's extension)\n"
-    "  --compression C    compression where the format offers a choice\n";
+    "  --compression C    compression where the format offers a choice\n"
+    "  --attrib NAME=VALUE  set a text of the description\n"
+    "  --stamp            record this user and host names in OUT\n";
 
 }  // namespace
 
@@ -312,6 +319,9 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--frames") frames = next_value(args, i);
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
         else if (a == "--quiet") quiet = true;
+        else if (a == "--attrib") add_attribute(write.texts, next_value(args, i));
+        else if (a == "--strip") write.texts.strip = true;
+        else if (a == "--stamp") write.texts.stamp = true;
         else reject_option(a), paths.push_back(a);
     }
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
@@ -392,6 +402,8 @@ int run_make_sample(const std::vector<std::string> &args) {
         const std::string &a = args[i];
         if (a == "--key") write.key = next_value(args, i);
         else if (a == "--compression") write.compression = next_value(args, i);
+        else if (a == "--attrib") add_attribute(write.texts, next_value(args, i));
+        else if (a == "--stamp") write.texts.stamp = true;
         else if (a == "--size") {
             std::string size = next_value(args, i);
             std::size_t x = size.find('x');

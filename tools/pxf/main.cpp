@@ -19,7 +19,11 @@ const char *kHelp =
     "\n"
     "'pxf COMMAND --help' shows the options of a command.  Format plug-ins are\n"
     "loaded from the directories of PXF_PLUGIN_PATH (separated by ':').\n"
-    "Exit status: 0 done, 1 bad input or failed I/O, 2 bad command line.\n";
+    "Exit status: 0 done, 1 bad input or failed I/O, 2 bad command line.\n"
+    "\n"
+    "  --version          the versions of pxf and of the library\n"
+    "  --man              print the manual page (troff)\n"
+    "  --completion bash  print the bash completion script\n";
 
 }  // namespace
 
@@ -41,6 +45,16 @@ int main(int argc, char **argv) {
     if (command == "--help" || command == "-h" || command == "help") {
         std::fputs(kHelp, stdout);
         return kExitOk;
+    }
+    try {
+        if (command == "--man") return print_manual(kHelp);
+        if (command == "--completion") {
+            if (args.size() != 1 || args[0] != "bash") throw UsageError("--completion: only bash is offered");
+            return print_completion();
+        }
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "pxf: %s\n", e.what());
+        return kExitUsage;
     }
     if (command == "--version" || command == "-V") {
         // The headers the command was built with, then the library it runs with.

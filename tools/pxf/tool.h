@@ -140,10 +140,22 @@ public:
     virtual void *const *row(int line) = 0;
 };
 
+// The description's texts of a written file (metadata.cpp).
+struct TextOptions {
+    bool strip = false; // --strip: no texts from the input
+    bool stamp = false; // --stamp: record this user and host
+    std::vector<std::pair<std::string, std::string>> set; // --attrib NAME=VALUE, in order
+};
+void add_attribute(TextOptions &texts, const std::string &assignment);
+// Applies the options to the info about to be written (which may then
+// borrow their strings).
+void apply_texts(PXF_INFO &info, const TextOptions &texts);
+
 struct WriteOptions {
     std::string key;         // output driver; empty: from the file name
     std::string compression; // passed to the driver in info.compression
     std::string program = "pxf";
+    TextOptions texts;
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
@@ -232,6 +244,11 @@ private:
 
 // The built-in sample: 3 colour channels, a matte and a depth channel.
 std::unique_ptr<RowSource> make_sample(int width, int height);
+
+// ---- Manual page and completion (docs.cpp), made from the help texts ----
+
+int print_manual(const std::string &main_help);
+int print_completion();
 
 // ---- Subcommands ----
 
