@@ -229,6 +229,17 @@ texts)
   ! grep -qE '"(user|machine|description|text_a)"' out.txt || fail "--strip kept texts: $(cat out.txt)"
   expect 2 "$pxf" convert t.tif x.tif --attrib colour=red
   one_line_error 'NAME=VALUE'
+  # --ch selects and reorders: B,G,R swaps red and blue, R,G,B drops matte and depth.
+  expect 0 "$pxf" make-sample c.tif --size 40x8 --compression none
+  expect 0 "$pxf" convert c.tif bgr.tif --ch B,G,R,A,Z --compression none
+  expect 0 "$pxf" convert bgr.tif back.tif --ch=b,g,r,a,z --compression none
+  cmp -s c.tif back.tif || fail "--ch B,G,R twice is not the identity"
+  cmp -s c.tif bgr.tif && fail "--ch B,G,R changed nothing"
+  expect 0 "$pxf" convert c.tif rgb.tif --ch R,G,B
+  tiff_ok rgb.tif
+  has 'Samples/Pixel: 3' tiff.txt
+  expect 2 "$pxf" convert c.tif x.tif --ch R,Q
+  one_line_error 'R,G,B,A,Z'
   ;;
 sequences)
   for f in 1 3 5 7; do expect 0 "$pxf" make-sample "shot_$f.tif" --size 8x4; done

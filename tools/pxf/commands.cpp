@@ -194,6 +194,8 @@ const char *kConvertHelp =
     "  --attrib NAME=VALUE  set a text of the description (name, description,\n"
     "                     program, machine, user, date, text_a, text_b)\n"
     "  --strip            leave out the input's texts\n"
+    "  --ch LIST          channels to keep, in order: R,G,B (Y alone), A for\n"
+    "                     the matte, Z for depth; as in --ch B,G,R or --ch R,G,B,A\n"
     "  --stamp            record this user and host names in OUT (not done\n"
     "                     unless asked)\n"
     "\n"
@@ -305,7 +307,7 @@ int run_convert(const std::vector<std::string> &args) {
     ReadOptions read;
     WriteOptions write;
     std::vector<std::string> paths;
-    std::string frames;
+    std::string frames, channels;
     int jobs = 1;
     bool quiet = global_options().quiet;
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -321,6 +323,7 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--quiet") quiet = true;
         else if (a == "--attrib") add_attribute(write.texts, next_value(args, i));
         else if (a == "--strip") write.texts.strip = true;
+        else if (a == "--ch") channels = next_value(args, i);
         else if (a == "--stamp") write.texts.stamp = true;
         else reject_option(a), paths.push_back(a);
     }
@@ -334,7 +337,10 @@ int run_convert(const std::vector<std::string> &args) {
         StandardStreams streams;
         std::string out_path = streams.output(out, write);
         Progress bar("convert", !quiet);
-        FileSource source(streams.input(in), read);
+        FileSource file(streams.input(in), read);
+        std::optional<ChannelSelect> picked;
+        if (!channels.empty()) picked.emplace(file, channels);
+        RowSource &source = picked ? static_cast<RowSource &>(*picked) : file;
         write_image(source, out_path, write, [&](int done, int total) { bar.update(done, total); });
         bar.finish();
         streams.finish();
@@ -372,7 +378,10 @@ int run_convert(const std::vector<std::string> &args) {
     auto worker = [&] {
         for (int i; (i = next++) < count;) {
             try {
-                FileSource source(jobs_list[std::size_t(i)].from, read);
+                FileSource file(jobs_list[std::size_t(i)].from, read);
+                std::optional<ChannelSelect> picked;
+                if (!channels.empty()) picked.emplace(file, channels);
+                RowSource &source = picked ? static_cast<RowSource &>(*picked) : file;
                 write_image(source, jobs_list[std::size_t(i)].to, write, nullptr);
                 tell("wrote " + jobs_list[std::size_t(i)].to);
             } catch (const std::exception &e) {

@@ -140,6 +140,25 @@ public:
     virtual void *const *row(int line) = 0;
 };
 
+// --ch: some of a source's channels, in a given order (channels.cpp).
+// Names: R, G, B (Y for a single colour channel), A for the matte, Z for
+// the auxiliary channel; C0, A1, Z2 ... in groups of other sizes.
+class ChannelSelect : public RowSource {
+public:
+    ChannelSelect(RowSource &inner, const std::string &spec);
+    const Layout &layout() const override { return layout_; }
+    const PXF_IMAGE_DESC &desc() const override { return inner_.desc(); }
+    const PXF_INFO *info() const override { return inner_.info(); }
+    bool bottom_up() const override { return inner_.bottom_up(); }
+    void *const *row(int line) override;
+
+private:
+    RowSource &inner_;
+    Layout layout_;
+    std::vector<int> order_; // source channel of each output channel
+    std::vector<void *> rows_;
+};
+
 // The description's texts of a written file (metadata.cpp).
 struct TextOptions {
     bool strip = false; // --strip: no texts from the input
