@@ -13,6 +13,10 @@ namespace pxf::rla {
 inline constexpr std::size_t kHeaderSize = 740;
 inline constexpr std::size_t kTimeOffset = 614;
 inline constexpr std::size_t kNextOffset = 736;
+// The image channels' storage type; a file being written holds kUnfinished
+// there until its last byte is in place (the probe refuses negative types).
+inline constexpr std::size_t kTypeOffset = 18;
+inline constexpr int kUnfinished = -1;
 inline constexpr int kRevision = -2;
 // Scanline blocks carry 16-bit lengths.
 inline constexpr std::size_t kMaxBlock = 65535;
@@ -36,6 +40,8 @@ inline constexpr int kMsgNotRla = 59;
 inline constexpr int kMsgBadWindow = 60;
 inline constexpr int kMsgEndOfFile = 89;
 inline constexpr int kMsgBadOffset = 90;
+inline constexpr int kMsgIncomplete = 97;
+inline constexpr int kMsgIncompleteWrite = 98;
 
 inline constexpr const char *kDriverName = "rla";
 

@@ -17,6 +17,7 @@
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
+#include <pxf/utl.h>
 
 const char *version = PXF_PLUGIN_PROTOCOL;
 const char *imageKey = "png";
@@ -34,10 +35,12 @@ int imageBitsPerZChannel = 0;
 
 typedef struct {
     FILE *file;
+    UTL_OUTPUT *output; /* when writing: renamed over the name only when complete */
     char *path;
     png_structp png;
     png_infop info;
     int writing;
+    int failed;       /* a write failed: the file is abandoned at close */
     int width, height;
     int colours;      /* 1 or 3 */
     int alpha;        /* 0 or 1 */
@@ -66,6 +69,14 @@ static int report(const png_file *p, const char *path, const char *what) {
     return 0;
 }
 
+/* A row that could not be written: the file cannot be completed. */
+static int write_failed(png_file *p) {
+    p->failed = 1;
+    report(p, NULL, p->message[0] ? p->message : "write failed");
+    pxf__err = PXF_E_FLUSH;
+    return PXF_E_FLUSH;
+}
+
 static int scan_failed(png_file *p) {
     if (p->file && feof(p->file)) snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
     report(p, NULL, p->message[0] ? p->message : "damaged PNG data");
@@ -91,7 +102,11 @@ static void release(png_file *p) {
         else
             png_destroy_read_struct(&p->png, &p->info, NULL);
     }
-    if (p->file) fclose(p->file);
+    if (p->output)
+        UTL_output_abandon(p->output); /* never committed: the temporary file goes */
+    else if (p->file)
+        fclose(p->file);
+    p->output = NULL;
     free(p->row);
     free(p->pixels);
     free(p->path);
@@ -350,6 +365,11 @@ static int write_row(png_file *p) {
     if (setjmp(png_jmpbuf(p->png))) return 0;
     png_write_row(p->png, p->row);
     ++p->next_row;
+    /* libpng does not look at fwrite's result: the stream says. */
+    if (ferror(p->file)) {
+        snprintf(p->message, sizeof p->message, "write failed (%s)", errno ? strerror(errno) : "I/O error");
+        return 0;
+    }
     return 1;
 }
 
@@ -394,7 +414,7 @@ static int png_write_scan(void *data, int line, void ***rows, void **table) {
             for (x = 0; x < p->width; ++x)
                 ((uint16_t *)p->row)[x * n + c] = (uint16_t)rescale(element(src, bits, x), bits, 16);
     }
-    if (!write_row(p)) return scan_failed(p);
+    if (p->failed || !write_row(p)) return write_failed(p);
     return 0;
 }
 
@@ -440,13 +460,24 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->bytes = (d->chan.width > 8 || (p->alpha && d->matte.width > 8)) ? 2 : 1;
     colour_type = (p->colours == 3 ? PNG_COLOR_MASK_COLOR : 0) | (p->alpha ? PNG_COLOR_MASK_ALPHA : 0);
     p->row = (png_bytep)malloc((size_t)p->width * (size_t)(p->colours + p->alpha) * (size_t)p->bytes + 8);
-    if (!p->row) return open_failed(p, "out of memory");
-    p->file = fopen(path, "wb");
-    if (!p->file) return open_failed(p, strerror(errno));
     p->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, p, png_failed, png_warned);
     if (p->png) p->info = png_create_info_struct(p->png);
-    if (!p->info) return open_failed(p, "out of memory");
-    if (!write_header(p, image, colour_type)) return open_failed(p, p->message);
+    if (!p->row || !p->info) {
+        pxf__err = PXF_E_NO_MEMORY;
+        return open_failed(p, "out of memory");
+    }
+    /* Created last, after everything that can fail without touching a file. */
+    errno = 0;
+    p->output = UTL_output_open(path);
+    if (!p->output) {
+        pxf__err = PXF_E_MISSING_FIELD;
+        return open_failed(p, strerror(errno ? errno : EIO));
+    }
+    p->file = UTL_output_stream(p->output);
+    if (!write_header(p, image, colour_type)) {
+        pxf__err = PXF_E_FLUSH;
+        return open_failed(p, p->message[0] ? p->message : "write failed");
+    }
     image->scan = png_write_scan;
     return 1;
 }
@@ -454,7 +485,10 @@ int imageWriteOpen(PXF_IMAGE *image) {
 static int png_close(PXF_IMAGE *image) {
     png_file *p = image->private_data ? (png_file *)image->private_data[0] : NULL;
     int status = 0;
-    if (p && p->writing && p->png) {
+    if (p && p->writing && p->png && p->failed) {
+        report(p, NULL, "an earlier write failed; the file was not kept");
+        status = -1;
+    } else if (p && p->writing && p->png) {
         if (p->next_row < p->height) {
             /* The caller stopped early: finish with black rows so that the
              * file stays readable, and say so. */
@@ -468,13 +502,20 @@ static int png_close(PXF_IMAGE *image) {
             report(p, NULL, p->message[0] ? p->message : "write failed");
             status = -1;
         }
-        if (p->file && fflush(p->file) != 0) {
-            report(p, NULL, "write failed");
-            status = -1;
+        if (!status) {
+            UTL_OUTPUT *output = p->output; /* commit closes and frees it, even when failing */
+            p->output = NULL;
+            p->file = NULL;
+            errno = 0;
+            if (UTL_output_commit(output) != 0) {
+                report(p, NULL, errno ? strerror(errno) : "write failed");
+                status = -1;
+            }
         }
     }
     if (p) release(p);
     pxf__free_obj(image);
-    if (status) pxf__err = PXF_E_FLUSH;
-    return status;
+    if (!status) return 0;
+    pxf__err = PXF_E_FLUSH;
+    return PXF_E_FLUSH;
 }

@@ -18,6 +18,8 @@
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
+#include <pxf/utl.h>
+#include <sys/stat.h>
 
 const char *version = PXF_PLUGIN_PROTOCOL;
 const char *imageKey = "tiff";
@@ -38,7 +40,9 @@ int imageBitsPerZChannel = 32;
 typedef struct {
     TIFF *tif;
     char *path;
+    UTL_OUTPUT *output; /* when writing: renamed over the name only when complete */
     int writing;
+    int failed;         /* a write failed: the file is abandoned at close */
     int width, height;
     int samples;          /* samples per pixel in the file */
     int bytes;            /* bytes per sample: 1, 2 or 4 */
@@ -101,6 +105,8 @@ int imageIsFile(const char *path, void *stream) {
 
 static void release(tiff_file *p) {
     if (p->tif) TIFFClose(p->tif);
+    UTL_output_abandon(p->output); /* never committed: the temporary file goes */
+    p->output = NULL;
     free(p->row);
     free(p->strips);
     free(p->path);
@@ -407,7 +413,8 @@ static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
         for (c = 0; c < p->groups[k].count; ++c, ++s)
             put_sample(p, &p->groups[k], (*rows)[s], s, k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
     last_problem[0] = '\0';
-    if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
+    if (p->failed || TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
+        p->failed = 1;
         report(p->path, problem("write failed"));
         pxf__err = PXF_E_FLUSH;
         return PXF_E_FLUSH;
@@ -425,8 +432,45 @@ static int compression_code(const char *name) {
     return -1;
 }
 
-static void put_text(TIFF *tif, uint32_t tag, const char *text) {
-    if (text && text[0] && strcmp(text, "unknown") != 0) TIFFSetField(tif, tag, text);
+static int put_text(TIFF *tif, uint32_t tag, const char *text) {
+    if (text && text[0] && strcmp(text, "unknown") != 0) return TIFFSetField(tif, tag, text);
+    return 1;
+}
+
+/* libtiff writes through the output's stream; the output owns it, so
+ * closing the TIFF closes nothing. */
+static tmsize_t stream_read(thandle_t h, void *buffer, tmsize_t size) {
+    return (tmsize_t)fread(buffer, 1, (size_t)size, (FILE *)h);
+}
+static tmsize_t stream_write(thandle_t h, void *buffer, tmsize_t size) {
+    size_t n = fwrite(buffer, 1, (size_t)size, (FILE *)h);
+    return n == (size_t)size ? size : -1;
+}
+static toff_t stream_seek(thandle_t h, toff_t offset, int whence) {
+    FILE *f = (FILE *)h;
+    if (fseeko(f, (off_t)offset, whence) != 0) return (toff_t)-1;
+    return (toff_t)ftello(f);
+}
+static int stream_close(thandle_t h) {
+    (void)h;
+    return 0;
+}
+static toff_t stream_size(thandle_t h) {
+    struct stat st;
+    FILE *f = (FILE *)h;
+    if (fflush(f) != 0 || fstat(fileno(f), &st) != 0) return 0;
+    return (toff_t)st.st_size;
+}
+static int no_map(thandle_t h, void **base, toff_t *size) {
+    (void)h, (void)base, (void)size;
+    return 0;
+}
+static void no_unmap(thandle_t h, void *base, toff_t size) { (void)h, (void)base, (void)size; }
+
+/* A write open that failed after the allocations: the code, then the report. */
+static int setup_failed(tiff_file *p, int code, const char *what) {
+    pxf__err = code;
+    return open_failed(p, what);
 }
 
 int imageWriteOpen(PXF_IMAGE *image) {
@@ -434,7 +478,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     const PXF_IMAGE_DESC *d = image->info.images;
     const PXF_INFO *info = &image->info;
     uint16_t extra[MAX_SAMPLES];
-    int k, s, bits = 8, any_float = 0, compression;
+    int k, s, bits = 8, any_float = 0, compression, ok;
     tiff_file *p;
     char text[120];
     if (!path) return report("tiff", "no file name");
@@ -476,50 +520,57 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->samples = d->chan.count + d->matte.count + d->aux.count;
     if (p->width < 1 || p->height < 1) return open_failed(p, "empty image window");
     p->row = (unsigned char *)malloc((size_t)p->width * (size_t)p->samples * (size_t)p->bytes + 16);
-    if (!p->row) return open_failed(p, "out of memory");
+    if (!p->row) return setup_failed(p, PXF_E_NO_MEMORY, "out of memory");
 
+    errno = 0;
+    p->output = UTL_output_open(path);
+    if (!p->output) return setup_failed(p, PXF_E_MISSING_FIELD, strerror(errno ? errno : EIO));
     last_problem[0] = '\0';
-    p->tif = TIFFOpen(path, "w");
-    if (!p->tif) return open_failed(p, problem(strerror(errno)));
-    TIFFSetField(p->tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width);
-    TIFFSetField(p->tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height);
-    TIFFSetField(p->tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples);
-    TIFFSetField(p->tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8));
-    TIFFSetField(p->tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(any_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT));
-    TIFFSetField(p->tif, TIFFTAG_PHOTOMETRIC, (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK));
-    TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG);
-    TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT);
-    TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
-    if (d->matte.count + d->aux.count > 0) {
+    p->tif = TIFFClientOpen(path, "w", (thandle_t)UTL_output_stream(p->output), stream_read, stream_write,
+                            stream_seek, stream_close, stream_size, no_map, no_unmap);
+    if (!p->tif) return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot start the TIFF file (out of memory?)"));
+    /* Any tag libtiff could not take (it allocates for most) fails the open:
+     * a file with a tag missing would say something else than the image. */
+    ok = TIFFSetField(p->tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width) &&
+         TIFFSetField(p->tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height) &&
+         TIFFSetField(p->tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples) &&
+         TIFFSetField(p->tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8)) &&
+         TIFFSetField(p->tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(any_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT)) &&
+         TIFFSetField(p->tif, TIFFTAG_PHOTOMETRIC,
+                      (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK)) &&
+         TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG) &&
+         TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT) &&
+         TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
+    if (ok && d->matte.count + d->aux.count > 0) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
             extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
-        TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
+        ok = TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
     }
-    TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
-    if (d->chan.count == 3 && info->white_pt[1] > 0.0f) {
+    ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
+    if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f) {
         float primaries[6] = {info->red_pri[0],   info->red_pri[1],  info->green_pri[0],
                               info->green_pri[1], info->blue_pri[0], info->blue_pri[1]};
         float white[2] = {info->white_pt[0], info->white_pt[1]};
-        TIFFSetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, primaries);
-        TIFFSetField(p->tif, TIFFTAG_WHITEPOINT, white);
+        ok = TIFFSetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, primaries) &&
+             TIFFSetField(p->tif, TIFFTAG_WHITEPOINT, white);
     }
-    put_text(p->tif, TIFFTAG_DOCUMENTNAME, info->name);
-    put_text(p->tif, TIFFTAG_IMAGEDESCRIPTION, info->desc);
-    put_text(p->tif, TIFFTAG_SOFTWARE, info->program);
-    put_text(p->tif, TIFFTAG_ARTIST, info->user);
-    put_text(p->tif, TIFFTAG_HOSTCOMPUTER, info->machine);
+    ok = ok && put_text(p->tif, TIFFTAG_DOCUMENTNAME, info->name) &&
+         put_text(p->tif, TIFFTAG_IMAGEDESCRIPTION, info->desc) && put_text(p->tif, TIFFTAG_SOFTWARE, info->program) &&
+         put_text(p->tif, TIFFTAG_ARTIST, info->user) && put_text(p->tif, TIFFTAG_HOSTCOMPUTER, info->machine);
     /* DateTime has a fixed form, "YYYY:MM:DD HH:MM:SS"; the library's own
      * dates are "{seconds}". */
-    if (info->date && strlen(info->date) == 19 && info->date[4] == ':' && info->date[10] == ' ') {
-        TIFFSetField(p->tif, TIFFTAG_DATETIME, info->date);
+    if (!ok) {
+    } else if (info->date && strlen(info->date) == 19 && info->date[4] == ':' && info->date[10] == ' ') {
+        ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, info->date);
     } else if (info->date && info->date[0] == '{') {
         char stamp[32];
         struct tm when;
         time_t seconds = (time_t)strtoll(info->date + 1, NULL, 10);
         if (localtime_r(&seconds, &when) && strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) == 19)
-            TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
+            ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
     }
-    if (last_problem[0]) return open_failed(p, last_problem);
+    if (!ok || last_problem[0])
+        return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot set the TIFF tags (out of memory?)"));
     image->scan = tiff_write_scan;
     return 1;
 }
@@ -527,7 +578,10 @@ int imageWriteOpen(PXF_IMAGE *image) {
 static int tiff_close(PXF_IMAGE *image) {
     tiff_file *p = image->private_data ? (tiff_file *)image->private_data[0] : NULL;
     int status = 0;
-    if (p && p->writing && p->tif) {
+    if (p && p->writing && p->tif && p->failed) {
+        report(p->path, "an earlier write failed; the file was not kept");
+        status = -1;
+    } else if (p && p->writing && p->tif) {
         if (p->next_row < p->height) {
             /* Stopped early: finish with zero rows so that the file stays whole. */
             ERR_printf(ERR_WARNING, "%s: %d scanlines not written, filled with zero", p->path,
@@ -537,13 +591,24 @@ static int tiff_close(PXF_IMAGE *image) {
                 if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row++, 0) < 0) break;
         }
         last_problem[0] = '\0';
-        if (!TIFFFlush(p->tif)) {
+        if (p->next_row < p->height || !TIFFFlush(p->tif)) {
             report(p->path, problem("write failed"));
             status = -1;
+        } else {
+            UTL_OUTPUT *output = p->output; /* commit closes and frees it, even when failing */
+            TIFFClose(p->tif);
+            p->tif = NULL;
+            p->output = NULL;
+            errno = 0;
+            if (UTL_output_commit(output) != 0) {
+                report(p->path, errno ? strerror(errno) : "write failed");
+                status = -1;
+            }
         }
     }
     if (p) release(p);
     pxf__free_obj(image);
-    if (status) pxf__err = PXF_E_FLUSH;
-    return status;
+    if (!status) return 0;
+    pxf__err = PXF_E_FLUSH;
+    return PXF_E_FLUSH;
 }

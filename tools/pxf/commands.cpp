@@ -317,6 +317,7 @@ int run_convert(const std::vector<std::string> &args) {
     if (frames.empty()) {
         if (has_frame_field(in) || has_frame_field(out))
             throw UsageError("convert: a name.####.ext sequence needs --frames A-B");
+        refuse_same_file(in, out);
         Progress bar("convert", !quiet);
         FileSource source(in, read);
         write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
@@ -336,6 +337,7 @@ int run_convert(const std::vector<std::string> &args) {
         for (int i; (i = next++) < count;) {
             int frame = first + i;
             try {
+                refuse_same_file(frame_path(in, frame), frame_path(out, frame));
                 FileSource source(frame_path(in, frame), read);
                 write_image(source, frame_path(out, frame), write, nullptr);
             } catch (const std::exception &e) {

@@ -14,12 +14,19 @@ thread_local std::string first_error;
 thread_local bool quiet = false;
 std::mutex print_lock;
 
+thread_local bool lost_report = false;  // a report arrived when no memory was left to keep it
+
+// Called from inside the library: nothing may be thrown through it.
 int tool_handler(const char *, int severity, const char *text, ERR_DESCRIPTOR *, void *) {
     if (!text || quiet) return 0;
-    if (severity >= ERR_ERROR) {
-        if (first_error.empty()) first_error = text;
-    } else if (severity == ERR_WARNING) {
-        warn(text);
+    try {
+        if (severity >= ERR_ERROR) {
+            if (first_error.empty()) first_error = text;
+        } else if (severity == ERR_WARNING) {
+            warn(text);
+        }
+    } catch (...) {
+        lost_report = true;
     }
     return 0;  // handled: the default handler would print a second line
 }
@@ -36,6 +43,8 @@ void capture_reports() {
 std::string take_report() {
     std::string text;
     text.swap(first_error);
+    if (text.empty() && lost_report) text = "out of memory";
+    lost_report = false;
     return text;
 }
 

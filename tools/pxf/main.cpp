@@ -1,6 +1,10 @@
 // pxf: look at, convert and make image files through the library's drivers.
+#include <pxf/utl.h>
+
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "tool.h"
 
@@ -19,9 +23,37 @@ const char *kHelp =
     "loaded from the directories of PXF_PLUGIN_PATH (separated by ':').\n"
     "Exit status: 0 done, 1 bad input or failed I/O, 2 bad command line.\n";
 
+// Ctrl-C or a kill: remove the temporary files of unfinished outputs, then
+// end the way the signal would have.
+extern "C" void interrupted(int signal) {
+    UTL_tmp_cleanup();
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+int run(int argc, char **argv);
+
 }  // namespace
 
 int main(int argc, char **argv) {
+    struct sigaction on_signal = {};
+    on_signal.sa_handler = interrupted;
+    sigemptyset(&on_signal.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &on_signal, nullptr);
+    // Nothing may end in abort: however early memory runs out, one line and 1.
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc &) {
+        std::fputs("pxf: out of memory\n", stderr);
+    } catch (...) {
+        std::fputs("pxf: unexpected failure\n", stderr);
+    }
+    return pxftool::kExitFailed;
+}
+
+namespace {
+
+int run(int argc, char **argv) {
     using namespace pxftool;
     std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty()) {
@@ -53,8 +85,14 @@ int main(int argc, char **argv) {
         std::fflush(stdout);
         std::fprintf(stderr, "pxf: %s\n", e.what());
         return kExitFailed;
+    } catch (const std::bad_alloc &) {
+        std::fflush(stdout);
+        std::fputs("pxf: out of memory\n", stderr);
+        return kExitFailed;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "pxf: %s\n", e.what());
         return kExitFailed;
     }
 }
+
+}  // namespace

@@ -119,6 +119,8 @@ struct WriteOptions {
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
 // out of lines total.  Removes a partly written file on failure.
+// Fails when `out` names the same file as `in`: writing it would destroy the input.
+void refuse_same_file(const std::string &in, const std::string &out);
 void write_image(RowSource &source, const std::string &path, const WriteOptions &options,
                  const std::function<void(int, int)> &progress);
 

@@ -1,8 +1,9 @@
 // Writing an image: pick the driver, fit the layout to it, stream the rows.
-#include <unistd.h>
+#include <pxf/utl.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 
 #include "tool.h"
@@ -16,17 +17,27 @@ const char *format_name(int group, int count) {
     return "depth";
 }
 
-// Closes a half-written image and removes the file when writing fails.
+// The image is written under a temporary name beside the output and renamed
+// over it only when complete, so a failure (or Ctrl-C) leaves an old file
+// as it was.  Devices, pipes and terminals are written directly and never
+// removed.
 struct OpenOutput {
     PXF_IMAGE *image = nullptr;
+    UTL_OUTPUT *staged = nullptr;
     std::string path;
     ~OpenOutput() {
-        if (!image) return;
-        QuietReports quiet;  // the real reason has been thrown already
-        PXF_close(image);
-        unlink(path.c_str());
+        if (image) {
+            QuietReports quiet;  // the real reason has been thrown already
+            PXF_close(image);
+        }
+        UTL_output_abandon(staged);  // removes only the temporary file
     }
 };
+
+// Whether the output goes through a temporary file: a regular file or a new name.
+bool staged_output(const std::string &path) {
+    return !UTL_file_exists(path.c_str()) || UTL_file_size(path.c_str()) >= 0;
+}
 
 }  // namespace
 
@@ -89,6 +100,12 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     take_report();
     OpenOutput out;
     out.path = path;
+    if (staged_output(path)) {
+        errno = 0;
+        if (!(out.staged = UTL_output_open(path.c_str())))
+            throw Failure(path + ": cannot write: " + std::strerror(errno ? errno : EIO));
+        info.handle = const_cast<char *>(UTL_output_name(out.staged));
+    }
     out.image = PXF_open(&info, "w");
     PXF_info_cleanup(&info, 0);
     if (!out.image) fail_with_report(path, "cannot write");
@@ -126,10 +143,19 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     }
     PXF_IMAGE *image = out.image;
     out.image = nullptr;
-    if (PXF_close(image) != 0) {
-        unlink(path.c_str());
-        fail_with_report(path, "cannot finish writing");
+    if (PXF_close(image) != 0) fail_with_report(path, "cannot finish writing");
+    if (out.staged) {
+        UTL_OUTPUT *staged = out.staged;
+        out.staged = nullptr;
+        errno = 0;
+        if (UTL_output_commit(staged) != 0)
+            throw Failure(path + ": cannot finish writing: " + std::strerror(errno ? errno : EIO));
     }
+}
+
+void refuse_same_file(const std::string &in, const std::string &out) {
+    if (UTL_same_file(in.c_str(), out.c_str()))
+        throw Failure(out + ": is the input file; write to another name (the input would be lost)");
 }
 
 }  // namespace pxftool
