@@ -41,7 +41,8 @@ inline constexpr int kMsgBadWindow = 60;
 inline constexpr int kMsgEndOfFile = 89;
 inline constexpr int kMsgBadOffset = 90;
 inline constexpr int kMsgIncomplete = 97;
-inline constexpr int kMsgIncompleteWrite = 98;
+inline constexpr int kMsgFilled = 98;
+inline constexpr int kMsgNotKept = 99;
 
 inline constexpr const char *kDriverName = "rla";
 

@@ -301,6 +301,29 @@ int missing_lines(const ImageWriter *records, int count) {
     return missing;
 }
 
+// The caller stopped early: the scanlines it left out are written as zero,
+// so that the file stays whole, and a warning says so.
+void fill_missing(ImageWriter *records, int count, int missing) {
+    OutFile &f = *records[0].file;
+    pxf::warn(kSetMessages, kMsgFilled, "%s: %d scanlines not written, filled with zero", f.path, missing);
+    int widest = 0, channels = 1;
+    for (int i = 0; i < count; ++i) {
+        if (records[i].width > widest) widest = records[i].width;
+        if (records[i].channels > channels) channels = records[i].channels;
+    }
+    pxf::HeapPtr<void> zero(pxf::alloc_zeroed(std::size_t(widest) * 8));
+    pxf::HeapPtr<void *> rows(static_cast<void **>(pxf::alloc(std::size_t(channels) * sizeof(void *))));
+    if (!zero || !rows) {
+        f.failed = true;
+        return;
+    }
+    for (int c = 0; c < channels; ++c) rows.get()[c] = zero.get();
+    void **table = rows.get();
+    for (int i = 0; i < count && !f.failed; ++i)
+        while (records[i].next_line <= records[i].window.top && !f.failed)
+            if (write_scan(&records[i], records[i].next_line, &table, nullptr) != 0) f.failed = true;
+}
+
 int write_close(PXF_IMAGE *image) {
     pxf__err = 0;
     if (image->private_data && image->private_data[0]) {
@@ -310,15 +333,10 @@ int write_close(PXF_IMAGE *image) {
         if (f && f->stream) {
             // A file that lost data or misses scanlines is never committed:
             // the caller's old file (if any) stays as it was.
-            int missing = missing_lines(records, count);
-            if (missing && !f->failed) {
-                pxf::report(kSetMessages, kMsgIncompleteWrite, "%s: %d scanlines were not written", f->path,
-                            missing);
-                f->failed = true;
-            } else if (f->failed) {
-                pxf::report(kSetMessages, kMsgIncompleteWrite, "%s: an earlier write failed; the file was not kept",
-                            f->path);
-            }
+            if (f->failed)
+                pxf::report(kSetMessages, kMsgNotKept, "%s: an earlier write failed; the file was not kept", f->path);
+            else if (int missing = missing_lines(records, count))
+                fill_missing(records, count, missing);
             if (!f->failed) finish(*f, records, count);
             if (!f->failed && f->output) {
                 UTL_OUTPUT *output = f->output;

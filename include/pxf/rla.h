@@ -104,13 +104,14 @@ PXF_API int rla__inact_dec_double(void *dest, int count);
  *    60  "%s cannot handle the image window"                pxf__err -16
  * for windows the header cannot hold (coordinates outside 0..32767, inverted,
  * or an active window reaching outside the window).
- *    98  "%s: %d scanlines were not written", "%s: an earlier write failed; the
- *        file was not kept"  (at close, which then returns -20)
+ *    98  "%s: %d scanlines not written, filled with zero"   (warning, at close)
+ *    99  "%s: an earlier write failed; the file was not kept"  (at close,
+ *        which then returns -20)
  *
  * A named file is written as a temporary file in the same directory and
- * renamed over the name at close, once every active scanline and the offset
- * tables are in place; a failed open or close, or a close with scanlines
- * missing, leaves any old file of that name untouched.  Until then the first
+ * renamed over the name at close, once every scanline and the offset tables
+ * are in place; a failed open, scanline write or close leaves any old file
+ * of that name untouched.  Until then the first
  * header's storage type (offset 18) holds -1, so the probe refuses a file
  * whose writer was killed and the reader reports it with number 97.
  * Terminals, pipes and devices are written in place and never removed.

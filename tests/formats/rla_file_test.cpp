@@ -137,17 +137,24 @@ TEST_F(RlaWrite, ScanlinesMustComeInSequence) {
     void **rows = pxf__chan_alloc(&images_[0], 4, "test");
     for (int y = 0; y < 5; ++y) ASSERT_EQ(PXF_scan_write(image, y, &rows), 0);
     std::fflush(nullptr);
-    const auto before = std::filesystem::file_size(path);
+    // Until close the data goes to a temporary file beside the name.
+    EXPECT_FALSE(std::filesystem::exists(path)) << "the name appears only when the file is complete";
+    auto staged = [&] {
+        for (const auto &entry : std::filesystem::directory_iterator(dir_.path())) return entry.path();
+        return std::filesystem::path();
+    };
+    const auto before = std::filesystem::file_size(staged());
     ReportCapture capture;
     EXPECT_EQ(PXF_scan_write(image, 4, &rows), -2);
     EXPECT_EQ(PXF_scan_write(image, 6, &rows), -2);
     EXPECT_EQ(capture.last(), numbered(53, "Bad scanline: 6 (out of range, or not in sequence if a sequential file)"));
     std::fflush(nullptr);
-    EXPECT_EQ(std::filesystem::file_size(path), before) << "a refused scanline writes nothing";
+    EXPECT_EQ(std::filesystem::file_size(staged()), before) << "a refused scanline writes nothing";
     EXPECT_EQ(PXF_scan_write(image, 5, &rows), 0);
     EXPECT_EQ(PXF_scan_write(image, 6, &rows), -2) << "past the window top";
     pxf__chan_free(rows);
     EXPECT_EQ(PXF_close(image), 0);
+    EXPECT_EQ(staged(), path) << "renamed at close, nothing else left";
 }
 
 TEST_F(RlaWrite, WhatTheFileCannotHoldFailsAtOpenAndLeavesNoFile) {

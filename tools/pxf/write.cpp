@@ -1,9 +1,11 @@
 // Writing an image: pick the driver, fit the layout to it, stream the rows.
 #include <pxf/utl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "tool.h"
@@ -25,11 +27,13 @@ struct OpenOutput {
     PXF_IMAGE *image = nullptr;
     UTL_OUTPUT *staged = nullptr;
     std::string path;
+    std::string written;  // the name the driver writes, when it is not the staged one
     ~OpenOutput() {
         if (image) {
             QuietReports quiet;  // the real reason has been thrown already
             PXF_close(image);
         }
+        if (!written.empty()) unlink(written.c_str());  // a name made unique by the staged file
         UTL_output_abandon(staged);  // removes only the temporary file
     }
 };
@@ -105,6 +109,14 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
         if (!(out.staged = UTL_output_open(path.c_str())))
             throw Failure(path + ": cannot write: " + std::strerror(errno ? errno : EIO));
         info.handle = const_cast<char *>(UTL_output_name(out.staged));
+        // A driver that adds its extension to names without it would write
+        // beside the staged file: give it that name, renamed back at the end.
+        std::string staged = info.handle, ext = driver->extension ? driver->extension : "";
+        if (driver->add_extension && !ext.empty() &&
+            (staged.size() < ext.size() || staged.compare(staged.size() - ext.size(), ext.size(), ext) != 0)) {
+            out.written = staged + ext;
+            info.handle = out.written.data();
+        }
     }
     out.image = PXF_open(&info, "w");
     PXF_info_cleanup(&info, 0);
@@ -144,6 +156,11 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     PXF_IMAGE *image = out.image;
     out.image = nullptr;
     if (PXF_close(image) != 0) fail_with_report(path, "cannot finish writing");
+    if (!out.written.empty()) {
+        if (std::rename(out.written.c_str(), UTL_output_name(out.staged)) != 0)
+            throw Failure(path + ": cannot finish writing: " + std::strerror(errno));
+        out.written.clear();
+    }
     if (out.staged) {
         UTL_OUTPUT *staged = out.staged;
         out.staged = nullptr;
