@@ -10,7 +10,7 @@ scripts/deps.sh build-essential cmake ninja-build libgtest-dev libbenchmark-dev 
 jobs=$(nproc)
 run_suite() {
   local dir=$1; shift
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPXF_BUILD_TESTS=ON "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
   ctest --test-dir "$dir" -j "$jobs" --output-on-failure --timeout 600
 }
@@ -22,7 +22,7 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite build-asan -DPXF_SANITIZE=ON
 echo "== ThreadSanitizer build (concurrency tests) =="
-cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPXF_TSAN=ON >/dev/null
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPXF_BUILD_TESTS=ON -DPXF_TSAN=ON >/dev/null
 cmake --build build-tsan -j "$jobs" --target test_core_threads
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan -R '^Threads\.' --output-on-failure --timeout 600
 echo "All test builds passed."

@@ -7,6 +7,8 @@
  */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
 #include <math.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -63,12 +65,40 @@ typedef struct {
 
 /* libtiff's complaints go to one handler for the whole process; each thread
  * keeps the first one of its current request. */
-static __thread char last_problem[200];
+/* Not a __thread buffer: static TLS in a loaded module is allocated by the
+ * dynamic loader, which aborts the process when that allocation fails.  A
+ * thread's buffer is made on first use; without one, complaints are lost
+ * and the callers' fallback texts stand. */
+#define PROBLEM_SIZE 200
+static pthread_key_t problem_key;
+static int problem_key_made;
+
+static char *problem_buffer(void) {
+    char *buffer;
+    if (!problem_key_made) return NULL;
+    buffer = (char *)pthread_getspecific(problem_key);
+    if (!buffer && (buffer = (char *)calloc(1, PROBLEM_SIZE)) && pthread_setspecific(problem_key, buffer) != 0) {
+        free(buffer);
+        buffer = NULL;
+    }
+    return buffer;
+}
+
+static void clear_problem(void) {
+    char *buffer = problem_key_made ? (char *)pthread_getspecific(problem_key) : NULL;
+    if (buffer) buffer[0] = '\0';
+}
+
+static int has_problem(void) {
+    char *buffer = problem_key_made ? (char *)pthread_getspecific(problem_key) : NULL;
+    return buffer && buffer[0];
+}
 
 static void tiff_complaint(const char *module, const char *format, va_list args) {
+    char *buffer = problem_buffer();
     (void)module;
-    if (last_problem[0]) return;
-    vsnprintf(last_problem, sizeof last_problem, format, args);
+    if (!buffer || buffer[0]) return;
+    vsnprintf(buffer, PROBLEM_SIZE, format, args);
 }
 
 static void tiff_quiet(const char *module, const char *format, va_list args) {
@@ -78,6 +108,7 @@ static void tiff_quiet(const char *module, const char *format, va_list args) {
 }
 
 int imageInit(void) {
+    if (!problem_key_made) problem_key_made = pthread_key_create(&problem_key, free) == 0;
     TIFFSetErrorHandler(tiff_complaint);
     TIFFSetWarningHandler(tiff_quiet);
     return 1;
@@ -88,7 +119,9 @@ static int report(const char *path, const char *what) {
     return 0;
 }
 
-static const char *problem(const char *fallback) { return last_problem[0] ? last_problem : fallback; }
+static const char *problem(const char *fallback) {
+    return has_problem() ? (const char *)pthread_getspecific(problem_key) : fallback;
+}
 
 int imageIsFile(const char *path, void *stream) {
     unsigned char head[4];
@@ -104,6 +137,9 @@ int imageIsFile(const char *path, void *stream) {
 }
 
 static void release(tiff_file *p) {
+    /* A file being abandoned is not flushed: after a failed set-up libtiff's
+     * state may be half made, and the data goes anyway. */
+    if (p->tif && p->writing) TIFFSetMode(p->tif, O_RDONLY);
     if (p->tif) TIFFClose(p->tif);
     UTL_output_abandon(p->output); /* never committed: the temporary file goes */
     p->output = NULL;
@@ -191,7 +227,7 @@ static int tiff_read_scan(void *data, int line, void ***rows, void **table) {
     int row = p->height - 1 - line, plane, s;
     (void)table;
     if (row < 0 || row >= p->height) return bad_scanline();
-    last_problem[0] = '\0';
+    clear_problem();
     for (plane = 0; plane < (p->planar ? p->samples : 1); ++plane) {
         const unsigned char *src = plane_row(p, row, plane);
         if (!src) {
@@ -240,7 +276,7 @@ int imageReadOpen(PXF_IMAGE *image) {
     image->info.images = d;
     image->info.num_images = 1;
 
-    last_problem[0] = '\0';
+    clear_problem();
     if (!imageIsFile(path, NULL)) {
         FILE *f = fopen(path, "rb");
         if (!f) return open_failed(p, strerror(errno));
@@ -412,7 +448,7 @@ static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
     for (k = 0; k < 3; ++k)
         for (c = 0; c < p->groups[k].count; ++c, ++s)
             put_sample(p, &p->groups[k], (*rows)[s], s, k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
-    last_problem[0] = '\0';
+    clear_problem();
     if (p->failed || TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
         p->failed = 1;
         report(p->path, problem("write failed"));
@@ -525,7 +561,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     errno = 0;
     p->output = UTL_output_open(path);
     if (!p->output) return setup_failed(p, PXF_E_MISSING_FIELD, strerror(errno ? errno : EIO));
-    last_problem[0] = '\0';
+    clear_problem();
     p->tif = TIFFClientOpen(path, "w", (thandle_t)UTL_output_stream(p->output), stream_read, stream_write,
                             stream_seek, stream_close, stream_size, no_map, no_unmap);
     if (!p->tif) return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot start the TIFF file (out of memory?)"));
@@ -569,7 +605,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
         if (localtime_r(&seconds, &when) && strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) == 19)
             ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
     }
-    if (!ok || last_problem[0])
+    if (!ok || has_problem())
         return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot set the TIFF tags (out of memory?)"));
     image->scan = tiff_write_scan;
     return 1;
@@ -590,7 +626,7 @@ static int tiff_close(PXF_IMAGE *image) {
             while (p->next_row < p->height)
                 if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row++, 0) < 0) break;
         }
-        last_problem[0] = '\0';
+        clear_problem();
         if (p->next_row < p->height || !TIFFFlush(p->tif)) {
             report(p->path, problem("write failed"));
             status = -1;

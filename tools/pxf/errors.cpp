@@ -10,23 +10,20 @@
 namespace pxftool {
 namespace {
 
-thread_local std::string first_error;
+// A plain buffer: a thread-local object with a destructor needs an
+// allocation at first use, and glibc aborts when that one fails.
+thread_local char first_error[512];
 thread_local bool quiet = false;
 std::mutex print_lock;
-
-thread_local bool lost_report = false;  // a report arrived when no memory was left to keep it
 
 // Called from inside the library: nothing may be thrown through it.
 int tool_handler(const char *, int severity, const char *text, ERR_DESCRIPTOR *, void *) {
     if (!text || quiet) return 0;
-    try {
-        if (severity >= ERR_ERROR) {
-            if (first_error.empty()) first_error = text;
-        } else if (severity == ERR_WARNING) {
-            warn(text);
-        }
-    } catch (...) {
-        lost_report = true;
+    if (severity >= ERR_ERROR) {
+        if (!first_error[0]) std::snprintf(first_error, sizeof first_error, "%s", text);
+    } else if (severity == ERR_WARNING) {
+        std::lock_guard<std::mutex> hold(print_lock);
+        std::fprintf(stderr, "pxf: warning: %s\n", text);
     }
     return 0;  // handled: the default handler would print a second line
 }
@@ -41,10 +38,8 @@ void capture_reports() {
 }
 
 std::string take_report() {
-    std::string text;
-    text.swap(first_error);
-    if (text.empty() && lost_report) text = "out of memory";
-    lost_report = false;
+    std::string text = first_error;
+    first_error[0] = '\0';
     return text;
 }
 

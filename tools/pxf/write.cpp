@@ -120,7 +120,17 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     }
     out.image = PXF_open(&info, "w");
     PXF_info_cleanup(&info, 0);
-    if (!out.image) fail_with_report(path, "cannot write");
+    // Reports name the file the driver writes; the user knows it by `path`.
+    auto failed = [&](const std::string &fallback) {
+        std::string reason = take_report();
+        for (const std::string &name : {out.written, std::string(out.staged ? UTL_output_name(out.staged) : "")})
+            for (std::size_t at; !name.empty() && (at = reason.find(name)) != std::string::npos;)
+                reason.replace(at, name.size(), path);
+        if (reason.empty()) reason = fallback;
+        if (reason.compare(0, path.size() + 2, path + ": ") == 0) throw Failure(reason);
+        throw Failure(path + ": " + reason);
+    };
+    if (!out.image) failed("cannot write");
 
     const Layout &stored = to;
     ChannelBuffer rows(stored, stored.width);
@@ -132,7 +142,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
         convert_rows(src_rows, from, rows.rows(), stored);
         void **r = rows.rows();
         if (PXF_scan_write(out.image, line, &r) < 0)
-            fail_with_report(path, "cannot write scanline " + std::to_string(line));
+            failed("cannot write scanline " + std::to_string(line));
         if (progress) progress(++done, total);
     };
     if (source.bottom_up() == writer_up) {
@@ -155,7 +165,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     }
     PXF_IMAGE *image = out.image;
     out.image = nullptr;
-    if (PXF_close(image) != 0) fail_with_report(path, "cannot finish writing");
+    if (PXF_close(image) != 0) failed("cannot finish writing");
     if (!out.written.empty()) {
         if (std::rename(out.written.c_str(), UTL_output_name(out.staged)) != 0)
             throw Failure(path + ": cannot finish writing: " + std::strerror(errno));
