@@ -479,7 +479,10 @@ static tmsize_t stream_read(thandle_t h, void *buffer, tmsize_t size) {
     return (tmsize_t)fread(buffer, 1, (size_t)size, (FILE *)h);
 }
 static tmsize_t stream_write(thandle_t h, void *buffer, tmsize_t size) {
-    size_t n = fwrite(buffer, 1, (size_t)size, (FILE *)h);
+    size_t n;
+    /* libtiff passes a null buffer when an allocation failed inside it. */
+    if (!buffer && size > 0) return -1;
+    n = fwrite(buffer, 1, (size_t)size, (FILE *)h);
     return n == (size_t)size ? size : -1;
 }
 static toff_t stream_seek(thandle_t h, toff_t offset, int whence) {
@@ -605,8 +608,13 @@ int imageWriteOpen(PXF_IMAGE *image) {
         if (localtime_r(&seconds, &when) && strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) == 19)
             ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
     }
-    if (!ok || has_problem())
+    if (!ok || has_problem()) {
+        /* libtiff (4.5) can leave a directory it cannot free when a tag's
+         * allocation fails: freeing it crashes.  Out of memory at this
+         * point, the structure is left behind rather than the process. */
+        if (!ok) p->tif = NULL;
         return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot set the TIFF tags (out of memory?)"));
+    }
     image->scan = tiff_write_scan;
     return 1;
 }
