@@ -295,6 +295,15 @@ PXF_API int PXF_direct_scan_write(PXF_IMAGE *image, int line, void *buffer, int6
                                   float value);
 /* -1 is the start of the image; *image may be replaced (or nulled). */
 PXF_API int PXF_seek(PXF_IMAGE **image, int line);
+/* Closing an image opened for writing finishes its file.  The rla driver and
+ * the shipped png and tiff plug-ins write a named file under a temporary
+ * name in the same directory and rename it over the name here, so an old
+ * file of that name is replaced only by a complete one.  Scanlines the
+ * caller left out are written as zero, with a warning.  When a scanline
+ * write or the closing writes failed (disk full, I/O error), the file is
+ * not kept, the old one stays as it was, and PXF_close returns -20 with
+ * pxf__err -20; a failed scanline write returns -20 too.  Terminals, pipes
+ * and devices (such as /dev/stdout) are written in place and never removed. */
 PXF_API int PXF_close(PXF_IMAGE *image);
 PXF_API int PXF_close_do_it(PXF_IMAGE *image);
 
