@@ -584,6 +584,14 @@ int imageWriteOpen(PXF_IMAGE *image) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
             extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
         ok = TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
+        /* libtiff reports success even when it could not copy the values:
+         * read them back, or the mattes would be written as unspecified. */
+        if (ok) {
+            uint16_t count = 0, *stored = NULL;
+            ok = TIFFGetField(p->tif, TIFFTAG_EXTRASAMPLES, &count, &stored) &&
+                 count == (uint16_t)(d->matte.count + d->aux.count) && stored &&
+                 memcmp(stored, extra, count * sizeof *stored) == 0;
+        }
     }
     ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
     if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f) {
