@@ -143,7 +143,7 @@ PXF_IMAGE *PXF__gamma(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested) {
 }
 
 int PXF__gamma_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_GAMMA)) {
+    switch (pxf::ops::check_top<PXF__gamma_done>(image, PXF_OP_GAMMA)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;
