@@ -102,7 +102,11 @@ PXF_API int rla__inact_dec_double(void *dest, int count);
  * scanline %d; %s", 70-80, 88, 94, and
  *    60  "%s cannot handle the image window"                pxf__err -16
  * for windows the header cannot hold (coordinates outside 0..32767, inverted,
- * or an active window reaching outside the window).
+ * or an active window reaching outside the window), and
+ *   241  "%s cannot hold scanlines %d pixels wide of %d-byte elements: an
+ *        encoded channel may exceed the %d-byte block limit"  pxf__err -16
+ * when one channel's encoded scanline could be longer than a block's 16-bit
+ * length can say.
  */
 struct PXF_IMAGE;
 PXF_API int PXF_rla_is_file(const char *path, void *stream);
