@@ -67,6 +67,10 @@ PXF_IMAGE *open_locked(PXF_INFO *info, const char *mode) {
         std::fputs("PXF_open: application programming error.\n", stderr);
         std::fputs("The application must call PXF_info_init or PXF_info_alloc\n", stderr);
         std::fputs("on the info structure before passing it to PXF_open.\n", stderr);
+        // Its strings and counts are whatever the memory held: reading them
+        // could crash or run wild, so the warning is also a refusal.
+        pxf__err = pxf::kErrMissingField;
+        return nullptr;
     }
     bool reading = mode && std::strcmp(mode, "r") == 0;
     bool writing = mode && std::strcmp(mode, "w") == 0;

@@ -38,6 +38,7 @@ inline constexpr int kMsgCannotWriteScanline = 57;
 inline constexpr int kMsgCannotDecode = 58;
 inline constexpr int kMsgNotRla = 59;
 inline constexpr int kMsgBadWindow = 60;
+inline constexpr int kMsgBlockLimit = 241;
 inline constexpr int kMsgEndOfFile = 89;
 inline constexpr int kMsgBadOffset = 90;
 inline constexpr int kMsgIncomplete = 97;

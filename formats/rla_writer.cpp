@@ -146,9 +146,15 @@ int check_image(PXF_IMAGE_DESC &d) {
         if (group.count > kMaxCoordinate) fault = Fault::type;
         if (fault == Fault::type)
             return pxf::fail(0, pxf::kErrCannotDo, kSetMessages, g.type_number, g.type_text, kDriverName);
-        // A block longer than its 16-bit length could say is a width the file cannot hold.
-        if (fault == Fault::width || RLA_ENCODED_MAX(uint64_t(active_width), uint64_t(codec->bytes)) > kMaxBlock)
+        if (fault == Fault::width)
             return pxf::fail(0, pxf::kErrCannotDo, kSetMessages, g.width_number, g.width_text, kDriverName);
+        // A channel's encoded scanline is one block with a 16-bit length: a
+        // window too wide for that is the limit to name, not the element width.
+        if (RLA_ENCODED_MAX(uint64_t(active_width), uint64_t(codec->bytes)) > kMaxBlock)
+            return pxf::fail(0, pxf::kErrCannotDo, kSetMessages, kMsgBlockLimit,
+                             "%s cannot hold scanlines %d pixels wide of %d-byte elements: an encoded channel "
+                             "may exceed the %d-byte block limit",
+                             kDriverName, active_width, int(codec->bytes), int(kMaxBlock));
         if (codec->bits) group.width = codec->bits;
     }
     return 1;

@@ -122,7 +122,7 @@ PXF_IMAGE *PXF__quantize(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]) {
 }
 
 int PXF__quantize_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_QUANTIZE)) {
+    switch (pxf::ops::check_top<PXF__quantize_done>(image, PXF_OP_QUANTIZE)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -348,6 +348,19 @@ PXF_API int PXF_hasWriteSupport(const char *key);
 PXF_API int PXF_hasReadSupport(const char *key);
 PXF_API const char *PXF_name_from_key(const char *key);
 PXF_API int PXF_capabilities_available(PXF_TYPE *record);
+/*
+ * Marks the registered driver named by `key` (its key, else its extension,
+ * as PXF_find looks them up) available (non-zero) or not (0).  A driver
+ * that is not available is passed over by PXF_open (a request naming it
+ * fails as an unknown type; names and probes fall through to the others)
+ * and by PXF_find, PXF_info, PXF_get_file_type, PXF_is_file_type and the
+ * functions built on PXF_find; the plug-in table and its listing functions
+ * (PXF_getFormatKeys and the like) still show every loaded plug-in.  Every
+ * driver is available after PXF_init; PXF_exit forgets the marks.  Returns
+ * 0, or -1 for an unknown key (reported, pxf__err -4) or when memory runs
+ * out (pxf__err -10).
+ */
+PXF_API int PXF_set_available(const char *key, int available);
 PXF_API int PXF_private_ui_popup(const char *key, void *arg);
 PXF_API int PXF_private_ui_popdown(const char *key, void *arg);
 PXF_API void PXF_symbols(void);

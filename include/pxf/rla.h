@@ -103,7 +103,11 @@ PXF_API int rla__inact_dec_double(void *dest, int count);
  * scanline %d; %s", 70-80, 88, 94, and
  *    60  "%s cannot handle the image window"                pxf__err -16
  * for windows the header cannot hold (coordinates outside 0..32767, inverted,
- * or an active window reaching outside the window).
+ * or an active window reaching outside the window), and
+ *   241  "%s cannot hold scanlines %d pixels wide of %d-byte elements: an
+ *        encoded channel may exceed the %d-byte block limit"  pxf__err -16
+ * when one channel's encoded scanline could be longer than a block's 16-bit
+ * length can say.
  *    98  "%s: %d scanlines not written, filled with zero"   (warning, at close)
  *    99  "%s: an earlier write failed; the file was not kept"  (at close,
  *        which then returns -20)

@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
@@ -50,6 +51,8 @@ typedef struct {
     int next_row;     /* file row (0 = top) of the next scanline */
     png_bytep row;    /* one interleaved row */
     png_bytep pixels; /* the whole image, for interlaced files */
+    size_t file_bytes; /* size of the file being read */
+    int refused;       /* a size check ended the read: its message stands */
     char message[200];
 } png_file;
 
@@ -60,8 +63,15 @@ static void png_failed(png_structp png, png_const_charp text) {
 }
 
 static void png_warned(png_structp png, png_const_charp text) {
-    (void)png;
-    (void)text; /* benign chunk complaints are not worth a report */
+    /* Benign chunk complaints are not worth a report, but libpng only warns
+     * about a chunk longer than the chunk limit (limit_chunks) and then
+     * allocates it all the same: that one ends the read. */
+    if (strstr(text, "chunk data is too large")) {
+        png_file *p = (png_file *)png_get_error_ptr(png);
+        snprintf(p->message, sizeof p->message, "%.60s for this file (damaged chunk length?)", text);
+        p->refused = 1;
+        png_longjmp(png, 1);
+    }
 }
 
 static int report(const png_file *p, const char *path, const char *what) {
@@ -166,6 +176,32 @@ static void take_text(char **field, const char *text) {
     *field = copy;
 }
 
+/* What a file of `file_bytes` bytes can justify allocating.  No stored
+ * chunk is longer than the file that holds it; compressed text and profiles
+ * may inflate, so small files keep 64 KiB for them, and nothing buffered
+ * whole exceeds 64 MiB.  Pixels are streamed, but deflate inflates by at
+ * most 1032:1, so an image larger than that many times its file cannot be
+ * real and is refused before its rows are allocated. */
+#define CHUNK_FLOOR ((size_t)64 << 10)
+#define CHUNK_CEILING ((size_t)64 << 20)
+#define DEFLATE_RATIO 1032
+
+static void limit_chunks(png_file *p) {
+    size_t most = !p->file_bytes ? CHUNK_CEILING : p->file_bytes < CHUNK_FLOOR ? CHUNK_FLOOR : p->file_bytes > CHUNK_CEILING ? CHUNK_CEILING : p->file_bytes;
+    png_set_chunk_malloc_max(p->png, most);
+    png_set_chunk_cache_max(p->png, 1000); /* ancillary chunks kept: texts and unknowns */
+}
+
+static void check_pixel_bytes(png_file *p, size_t row_bytes, png_uint_32 height) {
+    double can_hold = (double)p->file_bytes * DEFLATE_RATIO + (double)CHUNK_FLOOR;
+    if (p->file_bytes && (double)(row_bytes + 1) * (double)height > can_hold) {
+        snprintf(p->message, sizeof p->message, "%lu x %lu pixels cannot come from a file of %lu bytes (damaged size?)",
+                 (unsigned long)p->width, (unsigned long)height, (unsigned long)p->file_bytes);
+        p->refused = 1;
+        png_longjmp(p->png, 1);
+    }
+}
+
 /* Everything libpng does while opening, apart from allocation. */
 static int read_header(png_file *p, PXF_IMAGE *image) {
     png_uint_32 width, height;
@@ -174,6 +210,7 @@ static int read_header(png_file *p, PXF_IMAGE *image) {
     png_textp texts;
     if (setjmp(png_jmpbuf(p->png))) return 0;
     png_init_io(p->png, p->file);
+    limit_chunks(p);
     png_read_info(p->png, p->info);
     png_get_IHDR(p->png, p->info, &width, &height, &depth, &colour_type, &interlace, NULL, NULL);
     if (width > 0x7fffffffu / 8 || height > 0x7fffffffu) png_error(p->png, "image too large");
@@ -216,6 +253,7 @@ static int read_header(png_file *p, PXF_IMAGE *image) {
     }
     take_text(&image->info.compression, passes > 1 ? "deflate, interlaced" : "deflate");
 
+    check_pixel_bytes(p, png_get_rowbytes(p->png, p->info), height);
     p->row = (png_bytep)malloc(png_get_rowbytes(p->png, p->info) + 8);
     if (!p->row) png_error(p->png, "out of memory");
     if (passes > 1) {
@@ -285,12 +323,18 @@ int imageReadOpen(PXF_IMAGE *image) {
     p->file = fopen(path, "rb");
     if (!p->file) return open_failed(p, strerror(errno));
     if (!imageIsFile(path, p->file)) return open_failed(p, "not a PNG file");
+    {
+        struct stat st;
+        /* 0: not a regular file, size unknown (only the fixed ceilings apply) */
+        p->file_bytes = fstat(fileno(p->file), &st) == 0 && S_ISREG(st.st_mode) ? (size_t)st.st_size : 0;
+    }
     rewind(p->file);
     p->png = png_create_read_struct(PNG_LIBPNG_VER_STRING, p, png_failed, png_warned);
     if (p->png) p->info = png_create_info_struct(p->png);
     if (!p->info) return open_failed(p, "out of memory");
     if (!read_header(p, image)) {
-        if (feof(p->file)) snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
+        if (feof(p->file) && !p->refused)
+            snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
         return open_failed(p, p->message);
     }
 

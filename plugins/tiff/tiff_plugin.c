@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <tiffio.h>
 #include <time.h>
 
@@ -258,11 +259,36 @@ static void take_text(char **field, TIFF *tif, uint32_t tag) {
     *field = copy;
 }
 
+/* What a file of `bytes` bytes can justify allocating.  A decoded strip is
+ * at most the file's bytes times the largest ratio of the codecs that read
+ * here (LZW inflates by less than 4096:1, deflate by 1032:1, PackBits by
+ * 128:1), plus room for small files; the same bound caps any single
+ * allocation inside libtiff (tag arrays, strip tables).  0: size unknown. */
+#define INFLATE_RATIO 4096.0
+#define SMALL_FILE_ROOM ((double)(1 << 20))
+
+static double justified(size_t bytes) { return bytes ? (double)bytes * INFLATE_RATIO + SMALL_FILE_ROOM : 0.0; }
+
+static TIFF *open_bounded(const char *path, size_t *file_bytes) {
+    struct stat st;
+    TIFFOpenOptions *options;
+    TIFF *tif;
+    *file_bytes = stat(path, &st) == 0 && S_ISREG(st.st_mode) ? (size_t)st.st_size : 0;
+    options = TIFFOpenOptionsAlloc();
+    if (!options) return NULL;
+    if (*file_bytes && justified(*file_bytes) < (double)((tmsize_t)1 << 40))
+        TIFFOpenOptionsSetMaxSingleMemAlloc(options, (tmsize_t)justified(*file_bytes));
+    tif = TIFFOpenExt(path, "r", options);
+    TIFFOpenOptionsFree(options);
+    return tif;
+}
+
 int imageReadOpen(PXF_IMAGE *image) {
     const char *path = image->info.handle;
     uint32_t width = 0, height = 0;
     uint16_t spp = 1, bps = 1, format = SAMPLEFORMAT_UINT, photometric = PHOTOMETRIC_MINISBLACK;
     uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE, extra_count = 0, *extra = NULL;
+    size_t file_bytes = 0;
     int colours, mattes = 0, auxes = 0, s, next_matte, next_aux, type;
     float *values;
     PXF_IMAGE_DESC *d;
@@ -283,7 +309,7 @@ int imageReadOpen(PXF_IMAGE *image) {
         fclose(f);
         return open_failed(p, "not a TIFF file");
     }
-    p->tif = TIFFOpen(path, "r");
+    p->tif = open_bounded(path, &file_bytes);
     if (!p->tif) return open_failed(p, problem("damaged TIFF header"));
     if (TIFFIsTiled(p->tif)) return open_failed(p, "tiled TIFF files are not supported");
     TIFFGetField(p->tif, TIFFTAG_IMAGEWIDTH, &width);
@@ -341,6 +367,12 @@ int imageReadOpen(PXF_IMAGE *image) {
         TIFFGetFieldDefaulted(p->tif, TIFFTAG_ROWSPERSTRIP, &rps);
         p->rows_per_strip = rps < 1 || rps > height ? height : rps;
         p->line_bytes = TIFFScanlineSize(p->tif);
+        if ((double)p->line_bytes * p->rows_per_strip * (p->planar ? spp : 1) >
+            (file_bytes ? justified(file_bytes) : (double)((tmsize_t)1 << 40))) {
+            snprintf(text, sizeof text, "strips of %.0f bytes cannot come from a file of %lu bytes (damaged size?)",
+                     (double)p->line_bytes * p->rows_per_strip, (unsigned long)file_bytes);
+            return open_failed(p, text);
+        }
         p->strip_bytes = p->line_bytes * (tmsize_t)p->rows_per_strip;
         if (p->line_bytes < (tmsize_t)p->width * (p->planar ? 1 : spp) * p->bytes)
             return open_failed(p, "inconsistent scanline size");

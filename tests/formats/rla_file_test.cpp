@@ -166,7 +166,11 @@ TEST_F(RlaWrite, WhatTheFileCannotHoldFailsAtOpenAndLeavesNoFile) {
         {[](PXF_IMAGE_DESC &d) { d.window.left = -1; }, numbered(60, "rla cannot handle the image window")},
         {[](PXF_IMAGE_DESC &d) { d.active_window.top = 4; }, numbered(60, "rla cannot handle the image window")},
         {[](PXF_IMAGE_DESC &d) { d = image_desc(9000, 1, 1, PXF_C_DOUBLE, 64); },  // blocks past 16-bit lengths
-         numbered(73, "rla cannot handle image channel width")},
+         numbered(241, "rla cannot hold scanlines 9000 pixels wide of 8-byte elements: an encoded channel may "
+                       "exceed the 65535-byte block limit")},
+        {[](PXF_IMAGE_DESC &d) { d = image_desc(20000, 1, 3, PXF_C_INTEGER, 8, 0, 1); d.aux.type = PXF_C_FLOAT; },
+         numbered(241, "rla cannot hold scanlines 20000 pixels wide of 4-byte elements: an encoded channel may "
+                       "exceed the 65535-byte block limit")},
     };
     const std::string path = dir_.file("bad.rla");
     for (const auto &[change, message] : cases) {
