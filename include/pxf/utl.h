@@ -15,3 +15,6 @@ PXF_API int UTL_cnv_atof(const char *text, double *value);
 PXF_END_DECLS
 
 #endif /* PXF_UTL_H */
+
+/* The debugging allocator (UTL_debug_malloc, UTL_malloc, ...). */
+#include "utl_debug.h"
