@@ -12,6 +12,7 @@
 #include <pxf/dst.h>
 #include <pxf/plugin.h>
 #include <pxf/rla.h>
+#include <pxf/str.h>
 
 #include "core/core_util.h"
 #include "core/defaults.h"
@@ -661,6 +662,9 @@ void PXF_symbols(void) {
                                     reinterpret_cast<void *>(&PXF_mem_r_open),
                                     reinterpret_cast<void *>(&PXF_pipe_w_open),
                                     reinterpret_cast<void *>(&PXF_rla_r_open),
-                                    reinterpret_cast<void *>(&PXF_rla_w_open)};
+                                    reinterpret_cast<void *>(&PXF_rla_w_open),
+                                    reinterpret_cast<void *>(&STR_define),
+                                    reinterpret_cast<void *>(&STR_extension),
+                                    reinterpret_cast<void *>(&STR_tail)};
     (void)keep;
 }

@@ -83,3 +83,6 @@ PXF_API void UTL_tmp_cleanup(void);
 PXF_END_DECLS
 
 #endif /* PXF_UTL_H */
+
+/* The debugging allocator (UTL_debug_malloc, UTL_malloc, ...). */
+#include "utl_debug.h"
