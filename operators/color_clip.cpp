@@ -1,6 +1,7 @@
 // Colour clip: float colours pulled inside their matte, keeping their mean
 // and hue direction, so that premultiplied colour never exceeds coverage.
 #include <cstring>
+#include <type_traits>
 
 #include <pxf/pxf.h>
 
@@ -54,6 +55,30 @@ inline void clip_pixel(T *c, int n, T a, T scale) {
     for (int k = 0; k < n; ++k) c[k] = m + t * (c[k] - m);
 }
 
+// Whether any value of v[x..stop) lies outside [0, a] or has no coverage
+// (a <= 0 sends the pixel to the full rule, which sorts out a < 0).  NaN
+// passes as inside: the full rule would leave it NaN as well.  Float rows are
+// looked at four lanes at a time.
+template <class T>
+bool any_outside(const T *v, const T *a, std::size_t x, std::size_t stop) {
+    if constexpr (std::is_same_v<T, float>) {
+        using V = float __attribute__((vector_size(16)));
+        using M = int __attribute__((vector_size(16)));
+        M bad = {0, 0, 0, 0};
+        const V zero = {0, 0, 0, 0};
+        for (; x + 4 <= stop; x += 4) {
+            V value, matte;
+            std::memcpy(&value, v + x, sizeof value);
+            std::memcpy(&matte, a + x, sizeof matte);
+            bad |= (value < zero) | (value > matte) | (matte <= zero);
+        }
+        if (bad[0] | bad[1] | bad[2] | bad[3]) return true;
+    }
+    for (; x < stop; ++x)
+        if (v[x] < T(0) || v[x] > a[x] || a[x] <= T(0)) return true;
+    return false;
+}
+
 // N: channels known at compile time ("rgb"), 0 for any other count.
 template <class T, int N>
 void clip_rows(const ColorClip &c, void *const *rows) {
@@ -64,11 +89,21 @@ void clip_rows(const ColorClip &c, void *const *rows) {
     int used = n < 16 ? n : 16;  // more colour channels than that: the first 16 take part
     for (int k = 0; k < used; ++k) r[k] = static_cast<T *>(rows[k]);
     const T *a = static_cast<const T *>(rows[c.channels]);
-    for (std::size_t x = first; x < end; ++x) {
-        T px[16];
-        for (int k = 0; k < used; ++k) px[k] = r[k][x];
-        clip_pixel<T, N>(px, used, a[x], used == n ? scale : T(1) / T(used));
-        for (int k = 0; k < used; ++k) r[k][x] = px[k];
+    const T mean_scale = used == n ? scale : T(1) / T(used);
+    constexpr std::size_t kBlock = 64;
+    for (std::size_t x = first; x < end; x += kBlock) {
+        const std::size_t stop = x + kBlock < end ? x + kBlock : end;
+        // Most pixels already lie inside their matte: a branch-free look at a
+        // whole block first, so that the common case runs in vector lanes.
+        bool outside = false;
+        for (int k = 0; k < used && !outside; ++k) outside = any_outside(r[k], a, x, stop);
+        if (!outside) continue;
+        for (std::size_t i = x; i < stop; ++i) {
+            T px[16];
+            for (int k = 0; k < used; ++k) px[k] = r[k][i];
+            clip_pixel<T, N>(px, used, a[i], mean_scale);
+            for (int k = 0; k < used; ++k) r[k][i] = px[k];
+        }
     }
 }
 
