@@ -288,6 +288,40 @@ TEST(Select, OneImageOfAFileWithChainedImages) {
     PXF_exit();
 }
 
+TEST(Stages, OutOfMemoryInstallsLeaveNoTrace) {
+    // Colour clip and normalize on float colour with a matte.
+    PXF_IMAGE *image = named_synthetic(float_desc(6, 2, 3, 1, 0), PXF_MODE_READ);
+    const float range[2] = {0.0f, 2.0f};
+    expect_clean_failures(image, [&] { PXF__color_clip(image); }, PXF__color_clip_done);
+    expect_clean_failures(image, [&] { PXF__normalize(image, range, range, nullptr); }, PXF__normalize_done);
+    PXF_close(image);
+    // Samples written as XYZ: the colour setup made for it ends with it.
+    ASSERT_EQ(RFL_init(4, 0, 0, 0, 0, 0, 0, 0, 0, 0), 4);
+    RFL_done();
+    image = named_synthetic(float_desc(6, 2, 3, 1, 0, "xyz"), PXF_MODE_WRITE);
+    image->info.open_flag = 0;
+    expect_clean_failures(image, [&] { PXF__samp_to_xyz(image, 4); }, PXF__samp_to_xyz_done);
+    EXPECT_EQ(rfl_samples, 0);
+    PXF_close(image);
+    // Select on a handle of two images.
+    image = synthetic_image(synthetic_desc(6, 2, 3, PXF_C_INTEGER, 8), PXF_MODE_READ);
+    PXF_IMAGE_DESC *one = image->info.images;
+    PXF_IMAGE_DESC two[2] = {one[0], synthetic_desc(3, 2, 1, PXF_C_INTEGER, 8)};
+    void *privates[2] = {image->private_data[0], image->private_data[0]};
+    void **own = image->private_data;
+    image->info.images = two;
+    image->info.num_images = 2;
+    image->private_data = privates;
+    expect_clean_failures(image, [&] { PXF__select(image, 1); }, PXF__select_done);
+    EXPECT_EQ(image->info.num_images, 2);
+    EXPECT_EQ(image->info.images, two);
+    EXPECT_EQ(privates[1], privates[0]);
+    image->info.images = one;
+    image->info.num_images = 1;
+    image->private_data = own;
+    PXF_close(image);
+}
+
 // ---- The display chain ----
 
 PXF_RESPONSE_CURVE gamma_curve(float g) { return {PXF_CURVE_GAMMA, g, nullptr, 0, 0, 0, 0, nullptr}; }
