@@ -500,6 +500,123 @@ PXF_API int PXF__raster_done(PXF_IMAGE *image);
 /* A stage that does nothing: returns `image`; its remove returns 1. */
 PXF_API PXF_IMAGE *PXF__debug(PXF_IMAGE *image);
 PXF_API int PXF__debug_done(PXF_IMAGE *image);
+
+/* Colour transforms (reading, 8-bit integer image channels, in place over
+ * the active span).  Each stored value is linearised through a table built
+ * from the image's curve (its gamma, or a copy of its tables, giving values
+ * of log2 R bits for the gamma-table resolution R), multiplied by a
+ * fixed-point matrix and re-encoded through a table for `requested` (an
+ * analytic curve of gamma g encodes as light^(1/g); a table curve needs
+ * 2^(input bits) 8-bit entries per channel; null encodes with the image's
+ * own gamma).  Values at or above the top of the linear range give 255,
+ * negative ones 0.  Precision is at most 14 bits: a deeper table is used
+ * with its low bits dropped (message 83, a warning).
+ *
+ * The matrices come from the colour setup of rfl.h: a stage that needs a
+ * setup and finds none makes one for the image's channel count and
+ * primaries (RFL_init) and ends it (RFL_done) when it is removed.
+ * rgb_rgb converts to the primaries of the current setup (call RFL_init
+ * with the target's primaries first; without a setup nothing is installed)
+ * and writes them into the info; xyz_rgb and samp_rgb deliver RGB of the
+ * setup's primaries and write them into the info too.  The luminance
+ * stages deliver one channel (the info's image channel count becomes 1;
+ * matte and auxiliary rows follow it); samp_rgb takes N sample channels
+ * and delivers 3.  Images without exactly the channels a stage takes are
+ * returned unchanged and silently; wider or non-integer channels are
+ * refused with messages 72/73.  xyz_Y installs PXF__gamma with `requested`
+ * first and hands on the Y row; its remove takes the gamma stage off too. */
+PXF_API PXF_IMAGE *PXF__rgb_rgb_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__rgb_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__xyz_rgb_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__xyz_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__samp_rgb_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__samp_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__rgb_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__rgb_Y_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__xyz_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__xyz_Y_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__samp_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__samp_Y_done(PXF_IMAGE *image);
+
+/* Spectral samples written as RGB or XYZ (writing).  The file holds three
+ * float colour channels; afterwards the caller writes `samples` float
+ * channels per pixel (the info's image channel count says so) and each
+ * pixel's channels go down as out = samples x M, M being `samples` rows of
+ * 3: RFL_samp_xyz_mat for XYZ, RFL_samp_rgb_mat times the matrix from the
+ * setup's RGB to the file's primaries for RGB.  With 3 or more samples the
+ * results replace the caller's first three rows; with fewer they go down in
+ * rows of the stage's own.  Installed only when the handle's info has
+ * open_flag 0 (float data outside the 0..1 model; set it on the handle
+ * after opening) and the file's channel format is not "sampled". */
+PXF_API PXF_IMAGE *PXF__samp_to_rgb(PXF_IMAGE *image, int samples);
+PXF_API int PXF__samp_to_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__samp_to_xyz(PXF_IMAGE *image, int samples);
+PXF_API int PXF__samp_to_xyz_done(PXF_IMAGE *image);
+
+/* Display requests. */
+#define PXF_DISPLAY_RED 1
+#define PXF_DISPLAY_GREEN 2
+#define PXF_DISPLAY_BLUE 4
+#define PXF_DISPLAY_MATTE 8
+#define PXF_DISPLAY_LUMINANCE 16 /* luminance instead of colour */
+#define PXF_DISPLAY_AUX 32
+
+/* Builds the chain that turns the image into 8-bit data for viewing
+ * (reading): colour clip, normalize (the auxiliary channel over 1 to 10000),
+ * quantize and shift to 8 bits, then, by the image's channel format ("rgb",
+ * "xyz", "sampled" or "raw"), a luminance stage or a colour stage towards
+ * `target` (8 floats: red, green, blue and white x, y; null keeps the
+ * image's primaries) encoded for `curve`.  An image description whose
+ * image_kind is 8 or 16 is taken as already laid out for such a display and
+ * gets no colour stage.  Messages 49 (unknown channel format), 69 and 78
+ * (more than one auxiliary or matte channel), 81 and 82 (none).  Returns the
+ * image, or null when a member stage returns null.  PXF__display_done takes
+ * the whole chain off. */
+PXF_API PXF_IMAGE *PXF__display(PXF_IMAGE *image, int request, const float *target, PXF_RESPONSE_CURVE *curve);
+PXF_API int PXF__display_done(PXF_IMAGE *image);
+
+/* One image (0-based `index`) of a handle holding several (a file with
+ * chained images) made to look like a single-image handle; handles with one
+ * image are returned unchanged; an index out of range sets pxf__err to -16. */
+PXF_API PXF_IMAGE *PXF__select(PXF_IMAGE *image, int index);
+PXF_API int PXF__select_done(PXF_IMAGE *image);
+
+/* Float colour pulled inside the matte (first matte channel): a pixel whose
+ * channels all lie within [0, matte] is kept; otherwise it moves towards
+ * its mean (black when the mean is not above 0, the matte when the mean is
+ * above it) just far enough to fit.  Float or double image and matte
+ * channels of the same type; reading or writing (the caller's rows are
+ * clipped in place). */
+PXF_API PXF_IMAGE *PXF__color_clip(PXF_IMAGE *image);
+PXF_API int PXF__color_clip_done(PXF_IMAGE *image);
+
+/* Float groups mapped from [low, high] onto [0, 1], clipped at both ends, in
+ * place.  Each range is 2 floats or null (group left alone); a range for a
+ * group that is not float, or that is empty, installs nothing.  Requires
+ * the info's open_flag to be 1. */
+PXF_API PXF_IMAGE *PXF__normalize(PXF_IMAGE *image, const float *image_range, const float *matte_range,
+                                  const float *aux_range);
+PXF_API int PXF__normalize_done(PXF_IMAGE *image);
+
+/* Integer groups converted to another bit depth (reading): request[0]
+ * image, [1] matte, [2] auxiliary, each PXF_C_INTEGER with 1 to 32 bits or
+ * type 0 (left as it is).  Narrowing keeps the top bits (65535 -> 255);
+ * widening repeats the bits (255 -> 65535). */
+PXF_API PXF_IMAGE *PXF__shift(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]);
+PXF_API int PXF__shift_done(PXF_IMAGE *image);
+
+/* Every channel mapped linearly from its range [min, max] onto [0, 1], as
+ * 32-bit floats (reading; integer values are taken as their codes).
+ * `ranges` gives 2 floats (min, max) per channel, image channels first, then
+ * matte, then auxiliary; values outside are clipped.  With null ranges the
+ * stage reads the whole image once while it is installed, keeps it, and
+ * uses each channel's observed minimum and maximum (a read failure installs
+ * nothing).  A channel with min equal to max reads as 0. */
+PXF_API PXF_IMAGE *PXF__minmax_init(PXF_IMAGE *image, const float *ranges);
+PXF_API int PXF__minmax_done(PXF_IMAGE *image);
+/* The range in use for `channel` while the min-max stage is on top: 1, or 0
+ * (outputs untouched) when it is not or the channel does not exist. */
+PXF_API int PXF__minmax_range(PXF_IMAGE *image, int channel, float *min, float *max);
 /* ---- File names with frame numbers ---------------------------------- */
 
 /* Token kinds of a parsed name syntax. */

@@ -93,6 +93,36 @@ convert)
   expect 1 "$pxf" convert sample.png nofield.png --field
   one_line_error 'partner'
   ;;
+colour)
+  expect 0 "$pxf" make-sample sample.png --size 64x32
+  expect 0 "$pxf" convert sample.png f.tif --float
+  expect 0 "$pxf" convert f.tif q.tif --quantize 16
+  # Float and 16-bit images become 8-bit colour for a gamma 2.2 display.
+  for src in f.tif q.tif; do
+    expect 0 "$pxf" convert "$src" "view_$src.png" --display
+    pngcheck -v "view_$src.png" >check.txt || fail "pngcheck rejects view_$src.png"
+    has '64 x 32 image, 32-bit RGB+alpha' check.txt
+    has 'gAMA.*0.45455' check.txt
+  done
+  expect 0 "$pxf" convert sample.png grey.png --luminance
+  pngcheck -v grey.png >check.txt
+  has 'grayscale+alpha' check.txt
+  expect 0 "$pxf" convert sample.png wide.png --primaries rec2020
+  expect 0 "$pxf" convert sample.png own.png --primaries 0.64,0.33,0.3,0.6,0.15,0.06,0.3127,0.329
+  expect 0 "$pxf" convert f.tif n.tif --normalize 0.25,0.75
+  expect 0 "$pxf" info --stats n.tif
+  has 'colour    0  min 0  max 1'
+  expect 0 "$pxf" info --stats sample.png
+  has 'matte     0  min 0  max 255'
+  expect 0 "$pxf" info --json --stats sample.png
+  has '"stats": \[{"group": "colour"'
+  expect 1 "$pxf" convert sample.png x.png --image 1
+  one_line_error 'no image 1'
+  expect 1 "$pxf" convert sample.png x.png --normalize 0,1
+  one_line_error 'float'
+  expect 2 "$pxf" convert sample.png x.png --primaries nowhere
+  expect 2 "$pxf" convert sample.png x.png --normalize 1,0
+  ;;
 frames)
   for f in 1 2 3; do expect 0 "$pxf" make-sample "seq.000$f.png" --size 48x32; done
   expect 0 "$pxf" convert 'seq.####.png' 'out.####.tif' --frames 1-3 --jobs 2

@@ -210,6 +210,13 @@ const char *kConvertHelp =
     "  --quantize BITS    turn float colour and matte channels into BITS-bit\n"
     "                     integers (use after --float, or on float files)\n"
     "  --field            pair two field files (name.NNNN) into one frame\n"
+    "  --image N          read image N (from 0) of a file holding several\n"
+    "  --normalize LOW,HIGH  map float colour from LOW..HIGH onto 0..1, clipped\n"
+    "  --display          any image (float, 16-bit, XYZ, spectral) to 8-bit\n"
+    "                     for viewing, encoded for a gamma 2.2 display\n"
+    "  --primaries P      8-bit RGB to other primaries: srgb, rec709, rec2020,\n"
+    "                     p3, adobe, ntsc, or rx,ry,gx,gy,bx,by,wx,wy\n"
+    "  --luminance        one channel of luminance (Y) instead of colour\n"
     "  --compression C    compression where the format offers a choice\n"
     "                     (tiff: none, lzw, deflate, packbits)\n"
     "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
@@ -217,13 +224,14 @@ const char *kConvertHelp =
     "  --quiet            no progress bar\n";
 
 const char *kInfoHelp =
-    "usage: pxf info [--json] FILE...\n"
+    "usage: pxf info [--json] [--stats] FILE...\n"
     "\n"
     "Describes each image file: format (found by content, then extension),\n"
     "size and windows, channel groups with types and widths, gamma,\n"
     "primaries, frame, texts and compression.\n"
     "\n"
-    "  --json    one JSON array of descriptions, for scripts\n";
+    "  --json    one JSON array of descriptions, for scripts\n"
+    "  --stats   also each channel's minimum and maximum (reads every pixel)\n";
 
 const char *kFormatsHelp =
     "usage: pxf formats\n"
@@ -261,10 +269,11 @@ int run_formats(const std::vector<std::string> &args) {
 
 int run_info(const std::vector<std::string> &args) {
     if (wants_help(args)) return std::fputs(kInfoHelp, stdout), kExitOk;
-    bool json = false;
+    bool json = false, stats = false;
     std::vector<std::string> files;
     for (const std::string &a : args) {
         if (a == "--json") json = true;
+        else if (a == "--stats") stats = true;
         else reject_option(a), files.push_back(a);
     }
     if (files.empty()) throw UsageError("info needs at least one FILE");
@@ -275,6 +284,12 @@ int run_info(const std::vector<std::string> &args) {
             FileSource file(path, ReadOptions{});
             if (json) entries.push_back(describe_json(path, file));
             else describe_text(path, file);
+            if (stats) {
+                std::string ranges;
+                print_stats(file.image(), path, json, &ranges);
+                // The object's closing "\n  }" makes way for the ranges.
+                if (json) entries.back().insert(entries.back().size() - 4, ",\n    \"stats\": " + ranges);
+            }
         } catch (const Failure &e) {
             std::fflush(stdout);
             std::fprintf(stderr, "pxf: %s\n", e.what());
@@ -309,6 +324,7 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--frames") frames = next_value(args, i);
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
         else if (a == "--quiet") quiet = true;
+        else if (parse_colour_option(args, i, read)) continue;
         else reject_option(a), paths.push_back(a);
     }
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");

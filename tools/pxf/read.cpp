@@ -49,6 +49,15 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
         image_ = nullptr;
         throw Failure(path + ": the file holds no image");
     }
+    try {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        select_image(image_, options, path);
+    } catch (...) {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        PXF_close(image_);
+        image_ = nullptr;
+        throw;
+    }
     // The caller's rows receive the driver's own layout; operators hand
     // back rows of their own.  8-byte elements fit every element type.
     Layout native = layout_of(image_->info.images[0]);
@@ -84,6 +93,7 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             const PXF_CHAN_TYPE request[3] = {{PXF_C_INTEGER, options.quantize}, {PXF_C_INTEGER, options.quantize}, {0, 0}};
             image_ = PXF__quantize(image_, request);
         }
+        stack_colour_stages(image_, options, path);
     } catch (...) {
         std::lock_guard<std::mutex> hold(chain_lock);
         PXF_close(image_);

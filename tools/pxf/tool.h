@@ -131,7 +131,28 @@ struct ReadOptions {
     float gamma = 0.0f; // 0: leave the gamma alone
     int quantize = 0;   // 0: no quantizing
     bool field = false;
+    // Colour options (colour.cpp).
+    int image = -1;     // -1: the first image, as the file has it
+    bool display = false;
+    bool luminance = false;
+    bool has_primaries = false;
+    float primaries[8] = {};  // red, green, blue, white: x, y
+    bool has_normalize = false;
+    float normalize[2] = {};  // low, high
 };
+
+// ---- Colour options (colour.cpp) ----
+
+// Takes --display, --luminance, --primaries, --image and --normalize (with
+// their values) at args[i]; false for any other argument.
+bool parse_colour_option(const std::vector<std::string> &args, std::size_t &i, ReadOptions &options);
+// --image: the chosen image of a file holding several.
+void select_image(PXF_IMAGE *image, const ReadOptions &options, const std::string &path);
+// --normalize, then --display / --luminance / --primaries.
+void stack_colour_stages(PXF_IMAGE *&image, const ReadOptions &options, const std::string &path);
+// Per-channel minimum and maximum through the min-max stage: printed, or as
+// a JSON array into json_out.
+void print_stats(PXF_IMAGE *image, const std::string &path, bool json, std::string *json_out);
 
 // An image file opened for reading, with the requested operators stacked.
 class FileSource : public RowSource {
