@@ -478,6 +478,33 @@ PXF_API int PXF__raster_done(PXF_IMAGE *image);
 /* A stage that does nothing: returns `image`; its remove returns 1. */
 PXF_API PXF_IMAGE *PXF__debug(PXF_IMAGE *image);
 PXF_API int PXF__debug_done(PXF_IMAGE *image);
+
+/* Resampling (reading).  Filters are named: "box", "triangle",
+ * "catmull-rom", "mitchell" (the default, for a null name), "lanczos3",
+ * "gaussian"; rows beyond the image repeat its edge pixels.  Colour is
+ * filtered premultiplied by the first matte channel when there is one (so
+ * that a pixel of matte 0 lends no colour to its neighbours) and delivered
+ * divided by the filtered matte again.  Groups keep their element types:
+ * integers are rounded and clamped to their range, floats are not clamped.
+ * Messages (set 902): 230 "%s: unknown filter %s (known: %s)",
+ * 231 "%s: bad size %d x %d (each side 1 to %d pixels)",
+ * 232 "%s: bad radius %g (above 0, at most %g)"; pxf__err -16.
+ *
+ * PXF__scale_init delivers the image at width x height (1 to 1000000 each;
+ * x and y independent), scanline by scanline in any order, from a ring of
+ * the few source rows each output row needs.  When minifying, the filter is
+ * widened by the reduction so that the result does not alias.  The window
+ * keeps its origin, the active window is mapped to the new size and the
+ * display aspect follows the new proportions (pixels keep their shape).
+ * Returns the image, unchanged when the size is the same, on bad arguments
+ * (reported) and when memory runs out. */
+PXF_API PXF_IMAGE *PXF__scale_init(PXF_IMAGE *image, int width, int height, const char *filter);
+PXF_API int PXF__scale_done(PXF_IMAGE *image);
+
+/* A symmetric blur: the named filter stretched so that its support reaches
+ * `radius` pixels (above 0, at most 1000) along x and y; the size stays. */
+PXF_API PXF_IMAGE *PXF__ssfilter(PXF_IMAGE *image, const char *filter, float radius);
+PXF_API int PXF__ssfilter_done(PXF_IMAGE *image);
 /* ---- File names with frame numbers ---------------------------------- */
 
 /* Token kinds of a parsed name syntax. */
