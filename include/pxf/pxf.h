@@ -505,6 +505,45 @@ PXF_API int PXF__scale_done(PXF_IMAGE *image);
  * `radius` pixels (above 0, at most 1000) along x and y; the size stays. */
 PXF_API PXF_IMAGE *PXF__ssfilter(PXF_IMAGE *image, const char *filter, float radius);
 PXF_API int PXF__ssfilter_done(PXF_IMAGE *image);
+
+/* Mipmap textures.  Level n of a width x height image is max(1, width >> n)
+ * x max(1, height >> n), each level filtered from the one above it; the
+ * chain of levels ends at 1 x 1. */
+#define PXF_TEXTURE_COLOUR 0 /* every group as it is */
+#define PXF_TEXTURE_SCALAR 1 /* the first image channel alone, format "scalar" */
+#define PXF_TEXTURE_BUMP 2   /* the first image channel as a height; see below */
+
+typedef struct PXF_MIPMAP_REQUEST {
+    int32_t level;           /* 0: the image itself, n: n halvings */
+    int32_t kind;            /* PXF_TEXTURE_COLOUR, _SCALAR or _BUMP */
+    const char *filter;      /* a filter name, null for the default */
+    PXF_CHAN_TYPE output[3]; /* image, matte, aux: float groups become these
+                                integers (clamped to 0..1 first); type 0
+                                leaves a group as it is */
+    int32_t random_access;   /* non-zero: the image can already be read in any
+                                order (a memory image), so no raster copy */
+} PXF_MIPMAP_REQUEST;
+
+/* Number of levels from width x height down to 1 x 1 (1 + log2 of the
+ * longer side, rounded down); 0 for an empty size. */
+PXF_API int PXF_mipmap_levels(int width, int height);
+
+/* Delivers one level of a texture made from the image (reading).  Stacks a
+ * raster copy of the image (unless random_access), one halving scale stage
+ * per level, the stage of the texture kind and, for integer output of float
+ * data, the quantize operator.  Bump textures deliver three float channels
+ * (format "bump"): the height (the first image channel, integers normalised
+ * to 0..1), then its slopes dh/du and dh/dv, where u runs from 0 to 1 across
+ * the level's width (left to right) and v from 0 to 1 across its height
+ * (from the window's bottom scanline up); slopes are central differences,
+ * one-sided at the edges, so a height ramp gives the same slope at every
+ * level.  Returns the image, unchanged on bad requests (reported: an
+ * unknown filter or kind, a level beyond the 1 x 1 one, 902/231 and
+ * 902/233 "%s: bad texture request (%s)") and when memory runs out.
+ * PXF__mipmap_done removes every stage PXF__mipmap stacked; 0 when another
+ * operator is on top of them. */
+PXF_API PXF_IMAGE *PXF__mipmap(PXF_IMAGE *image, const PXF_MIPMAP_REQUEST *request);
+PXF_API int PXF__mipmap_done(PXF_IMAGE *image);
 /* ---- File names with frame numbers ---------------------------------- */
 
 /* Token kinds of a parsed name syntax. */
