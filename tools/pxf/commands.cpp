@@ -210,6 +210,9 @@ const char *kConvertHelp =
     "  --quantize BITS    turn float colour and matte channels into BITS-bit\n"
     "                     integers (use after --float, or on float files)\n"
     "  --field            pair two field files (name.NNNN) into one frame\n"
+    "  --resize WxH|N%    scale to W x H pixels, or by N percent\n"
+    "  --filter NAME      resampling filter: box, triangle, catmull-rom,\n"
+    "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
     "                     (tiff: none, lzw, deflate, packbits)\n"
     "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
@@ -305,6 +308,8 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--gamma") read.gamma = float(parse_number(next_value(args, i), a));
         else if (a == "--quantize") read.quantize = int(parse_integer(next_value(args, i), a, 1, 32));
         else if (a == "--field") read.field = true;
+        else if (a == "--resize") parse_resize(next_value(args, i), read);
+        else if (a == "--filter") read.filter = checked_filter(next_value(args, i));
         else if (a == "--compression") write.compression = next_value(args, i);
         else if (a == "--frames") frames = next_value(args, i);
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
