@@ -486,6 +486,7 @@ PXF_API int PXF__debug_done(PXF_IMAGE *image);
  * that a pixel of matte 0 lends no colour to its neighbours) and delivered
  * divided by the filtered matte again.  Groups keep their element types:
  * integers are rounded and clamped to their range, floats are not clamped.
+ * Arithmetic is single precision (32-bit integers keep 24 significant bits).
  * Messages (set 902): 230 "%s: unknown filter %s (known: %s)",
  * 231 "%s: bad size %d x %d (each side 1 to %d pixels)",
  * 232 "%s: bad radius %g (above 0, at most %g)"; pxf__err -16.
@@ -537,7 +538,10 @@ PXF_API int PXF_mipmap_levels(int width, int height);
  * the level's width (left to right) and v from 0 to 1 across its height
  * (from the window's bottom scanline up); slopes are central differences,
  * one-sided at the edges, so a height ramp gives the same slope at every
- * level.  Returns the image, unchanged on bad requests (reported: an
+ * level.  The halving stages filter every channel of the image (colour
+ * weighted by the matte) before the kind's channels are taken; the image
+ * processes instead filter a scalar or height channel alone.  Returns the
+ * image, unchanged on bad requests (reported: an
  * unknown filter or kind, a level beyond the 1 x 1 one, 902/231 and
  * 902/233 "%s: bad texture request (%s)") and when memory runs out.
  * PXF__mipmap_done removes every stage PXF__mipmap stacked; 0 when another
