@@ -125,7 +125,8 @@ double kernel(const std::string &name, double x) {
     if (name == "lanczos3") return a < 3 ? sinc(x) * sinc(x / 3) : 0;
     const double B = 1.0 / 3, C = 1.0 / 3;  // mitchell
     if (a < 1) return ((12 - 9 * B - 6 * C) * a * a * a + (-18 + 12 * B + 6 * C) * a * a + (6 - 2 * B)) / 6;
-    if (a < 2) return ((-B - 6 * C) * a * a * a + (6 * B + 30 * C) * a * a + (-12 * B - 48 * C) * a + (8 * B + 24 * C)) / 6;
+    if (a < 2)
+        return ((-B - 6 * C) * a * a * a + (6 * B + 30 * C) * a * a + (-12 * B - 48 * C) * a + (8 * B + 24 * C)) / 6;
     return 0;
 }
 
@@ -267,7 +268,8 @@ void BM_vips_reduce(benchmark::State &state, const Picture<T> &p, int target, Vi
             // (bicubic for this kernel), the nearest it offers.
             failed = vips_resize(in, &reduced, 1.0 / shrink, "kernel", kernel, NULL) || vips_copy(reduced, &cast, NULL);
         } else {
-            failed = vips_reduce(in, &reduced, shrink, shrink, "kernel", kernel, NULL) || vips_copy(reduced, &cast, NULL);
+            failed = vips_reduce(in, &reduced, shrink, shrink, "kernel", kernel, NULL) ||
+                     vips_copy(reduced, &cast, NULL);
         }
         if (failed) {
             state.SkipWithError(vips_error_buffer());

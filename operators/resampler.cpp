@@ -420,7 +420,8 @@ int resampler_read(Resampler &r, int line, PXF_SCAN_FN below, void *below_data, 
     for (int c = 0; c < r.channels; ++c) {
         for (int k = 0; k < count; ++k) {
             int slot = (first + k) % r.y.span;
-            r.rows[k] = r.ring + (std::size_t(slot) * std::size_t(r.channels) + std::size_t(c)) * std::size_t(r.ring_width);
+            std::size_t row = std::size_t(slot) * std::size_t(r.channels) + std::size_t(c);
+            r.rows[k] = r.ring + row * std::size_t(r.ring_width);
         }
         sum_rows(r.sums + std::size_t(c) * std::size_t(r.ring_width), r.rows, w, count, r.ring_width);
     }

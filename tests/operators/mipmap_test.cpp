@@ -13,7 +13,8 @@ namespace {
 using namespace pxf::test;
 
 double texture(int x, int y, int c) {
-    return std::clamp(0.5 + 0.35 * std::sin(0.7 * x + c) * std::cos(0.45 * y + 2 * c) + 0.1 * ((x * y + c) % 3 - 1), 0.0, 1.0);
+    double v = 0.5 + 0.35 * std::sin(0.7 * x + c) * std::cos(0.45 * y + 2 * c) + 0.1 * ((x * y + c) % 3 - 1);
+    return std::clamp(v, 0.0, 1.0);
 }
 
 std::string fresh_name() {
@@ -38,11 +39,13 @@ PXF_MIPMAP_REQUEST request(int level, int kind = PXF_TEXTURE_COLOUR, const char 
 
 // Level k by halving level k - 1 with the reference, rounded to the
 // elements of `d` at every level as the stored levels are.
-std::vector<Pixels> reference_levels(const PXF_IMAGE_DESC &d, const PixelFn &fn, const char *filter, int colour, int matte) {
+std::vector<Pixels> reference_levels(const PXF_IMAGE_DESC &d, const PixelFn &fn, const char *filter, int colour,
+                                     int matte) {
     std::vector<Pixels> levels{sample(d, fn)};
     while (levels.back().width > 1 || levels.back().height > 1) {
         const Pixels &p = levels.back();
-        levels.push_back(as_elements(reference(p, std::max(1, p.width / 2), std::max(1, p.height / 2), filter, colour, matte), d));
+        int w = std::max(1, p.width / 2), h = std::max(1, p.height / 2);
+        levels.push_back(as_elements(reference(p, w, h, filter, colour, matte), d));
     }
     return levels;
 }
@@ -174,22 +177,6 @@ struct ProcessTest : ::testing::Test {
         out.handle = const_cast<char *>(path.c_str());
         return IMP_run(type, source, &out, &o);
     }
-    // Image i of an open file, every scanline.
-    Pixels image_of(PXF_IMAGE *file, int i) {
-        const PXF_IMAGE_DESC &d = file->info.images[i];
-        Pixels p;
-        p.width = d.window.right - d.window.left + 1;
-        p.height = d.window.top - d.window.bottom + 1;
-        p.channels = channels_of(d);
-        p.v.resize(std::size_t(p.channels) * p.width * p.height);
-        for (int y = 0; y < p.height; ++y) {
-            void **rows = nullptr;
-            EXPECT_EQ(file->scan(file->private_data[i], d.window.bottom + y, &rows, file->private_data), 0);
-            for (int c = 0; c < p.channels; ++c)
-                for (int x = 0; x < p.width; ++x) p.at(x, y, c) = get_value(rows[c], x, group_of(d, c));
-        }
-        return p;
-    }
 };
 
 TEST_F(ProcessTest, MipmapFileHoldsEveryLevelChained) {
@@ -201,21 +188,17 @@ TEST_F(ProcessTest, MipmapFileHoldsEveryLevelChained) {
         IMP_options_init(&o);
         o.kind = kind;
         o.filter = "triangle";
-        long last = 0, total = 0;
+        long seen[2] = {};  // the last report: done, total
         o.progress = [](void *data, long done, long all) {
-            auto *seen = static_cast<long *>(data);
-            seen[0] = done;
-            seen[1] = all;
+            static_cast<long *>(data)[0] = done;
+            static_cast<long *>(data)[1] = all;
         };
-        long seen[2] = {};
         o.progress_data = seen;
         void *driver = pic.reader->private_data[0];
         std::string path = dir.file("texture" + std::to_string(kind) + ".rla");
         ASSERT_EQ(run(IMP_MIPMAP, pic.reader, path, o), 0);
-        last = seen[0];
-        total = seen[1];
-        EXPECT_EQ(last, 10 + 5 + 2 + 1 + 1);
-        EXPECT_EQ(total, last);
+        EXPECT_EQ(seen[0], 10 + 5 + 2 + 1 + 1);
+        EXPECT_EQ(seen[1], seen[0]);
         EXPECT_EQ(pic.reader->private_data[0], driver);  // nothing left stacked
         PXF_IMAGE *file = open_file(path);
         ASSERT_TRUE(file);
@@ -224,11 +207,12 @@ TEST_F(ProcessTest, MipmapFileHoldsEveryLevelChained) {
             const PXF_IMAGE_DESC &level = file->info.images[k];
             EXPECT_EQ(level.image_kind, k ? 2 : 1);
             EXPECT_EQ(level.chan.count, kind == PXF_TEXTURE_SCALAR ? 1 : 3);
-            Pixels got = image_of(file, k);
+            Pixels got = read_pixels(file, false, k);
             Pixels expect = want[k];
             if (kind == PXF_TEXTURE_SCALAR) {
                 // The first channel filtered alone (no matte to weight it).
-                std::vector<Pixels> alone = reference_levels(synthetic_desc(21, 10, 1, PXF_C_INTEGER, 8), texture, "triangle", 1, -1);
+                PXF_IMAGE_DESC one = synthetic_desc(21, 10, 1, PXF_C_INTEGER, 8);
+                std::vector<Pixels> alone = reference_levels(one, texture, "triangle", 1, -1);
                 expect = alone[k];
             }
             EXPECT_LE(max_error(got, expect), 1.0 / 255 + 1e-9) << k;
@@ -250,7 +234,7 @@ TEST_F(ProcessTest, BumpTextureFileHoldsHeightsAndSlopes) {
     ASSERT_EQ(file->info.num_images, 5);
     for (int k = 0; k < 5; ++k) {
         EXPECT_STREQ(file->info.images[k].chan.format, "bump");
-        Pixels p = image_of(file, k);
+        Pixels p = read_pixels(file, false, k);
         double slope = p.width > 1 ? 0.5 : 0.0;  // x / 32 over 16 pixels: h = u / 2
         for (int y = 0; y < p.height; ++y)
             for (int x = 0; x < p.width; ++x) {
@@ -273,12 +257,12 @@ TEST_F(ProcessTest, SwatchAndCopyAndRefusals) {
     EXPECT_EQ(file->info.images[0].window.right, 9);
     EXPECT_EQ(file->info.images[0].window.top, 5);  // 22 x 10 / 40 = 5.5, rounded
     Pixels want = as_elements(reference(sample(d, texture), 10, 6, "mitchell", 3, -1), d);
-    EXPECT_LE(max_error(image_of(file, 0), want), 1.0 / 255 + 1e-9);
+    EXPECT_LE(max_error(read_pixels(file), want), 1.0 / 255 + 1e-9);
     PXF_close(file);
 
     ASSERT_EQ(run(IMP_NONE, pic.reader, dir.file("copy.rla"), o), 0);
     file = open_file(dir.file("copy.rla"));
-    EXPECT_EQ(max_error(image_of(file, 0), sample(d, texture)), 0.0);
+    EXPECT_EQ(max_error(read_pixels(file), sample(d, texture)), 0.0);
     PXF_close(file);
 
     ReportCapture capture;

@@ -92,9 +92,10 @@ struct Picture {
     }
 };
 
-// Every scanline the image delivers, in the given order of lines.
-inline Pixels read_pixels(PXF_IMAGE *image, bool downward = false) {
-    const PXF_IMAGE_DESC &d = image->info.images[0];
+// Every scanline of image `index` (0: through the operators stacked on it;
+// others: straight from the driver), bottom up or top down.
+inline Pixels read_pixels(PXF_IMAGE *image, bool downward = false, int index = 0) {
+    const PXF_IMAGE_DESC &d = image->info.images[index];
     Pixels p;
     p.width = d.window.right - d.window.left + 1;
     p.height = d.window.top - d.window.bottom + 1;
@@ -103,7 +104,9 @@ inline Pixels read_pixels(PXF_IMAGE *image, bool downward = false) {
     for (int k = 0; k < p.height; ++k) {
         int y = downward ? p.height - 1 - k : k;
         void **rows = nullptr;
-        EXPECT_EQ(PXF_scan_read(image, d.window.bottom + y, &rows), 0) << y;
+        int status = index ? image->scan(image->private_data[index], d.window.bottom + y, &rows, image->private_data)
+                           : PXF_scan_read(image, d.window.bottom + y, &rows);
+        EXPECT_EQ(status, 0) << y;
         if (!rows) return p;
         for (int c = 0; c < p.channels; ++c)
             for (int x = 0; x < p.width; ++x) p.at(x, y, c) = get_value(rows[c], x, group_of(d, c));
@@ -140,7 +143,8 @@ inline double ref_kernel(const std::string &name, double x) {
     if (name == "gaussian") return a < 2 ? std::exp(-x * x / (2 * 0.25)) : 0;
     double B = name == "mitchell" ? 1.0 / 3 : 0.0, C = name == "mitchell" ? 1.0 / 3 : 0.5;
     if (a < 1) return ((12 - 9 * B - 6 * C) * a * a * a + (-18 + 12 * B + 6 * C) * a * a + (6 - 2 * B)) / 6;
-    if (a < 2) return ((-B - 6 * C) * a * a * a + (6 * B + 30 * C) * a * a + (-12 * B - 48 * C) * a + (8 * B + 24 * C)) / 6;
+    if (a < 2)
+        return ((-B - 6 * C) * a * a * a + (6 * B + 30 * C) * a * a + (-12 * B - 48 * C) * a + (8 * B + 24 * C)) / 6;
     return 0;
 }
 

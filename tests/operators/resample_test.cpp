@@ -14,7 +14,8 @@ const char *const kFilters[] = {"box", "triangle", "catmull-rom", "mitchell", "l
 // Smooth shapes with some detail, different in every channel; the matte
 // channel stays clear of 0 so that unpremultiplying is well conditioned.
 double texture(int x, int y, int c) {
-    double v = 0.5 + 0.3 * std::sin(0.9 * x + 1.7 * c) * std::cos(0.6 * y - c) + 0.15 * (((x * 7 + y * 13 + c * 5) % 9) / 8.0 - 0.5);
+    double v = 0.5 + 0.3 * std::sin(0.9 * x + 1.7 * c) * std::cos(0.6 * y - c) +
+               0.15 * (((x * 7 + y * 13 + c * 5) % 9) / 8.0 - 0.5);
     return std::clamp(v, 0.0, 1.0);
 }
 
@@ -69,7 +70,8 @@ TEST(Ssfilter, BlurOfARadiusMatchesDirectConvolution) {
     for (const Type &t : kTypes)
         for (const char *filter : kFilters)
             for (float radius : {0.7f, 2.5f}) {
-                SCOPED_TRACE(std::string(filter) + " radius " + std::to_string(radius) + " bits " + std::to_string(t.bits));
+                SCOPED_TRACE(std::string(filter) + " radius " + std::to_string(radius) + " bits " +
+                             std::to_string(t.bits));
                 PXF_IMAGE_DESC d = synthetic_desc(11, 8, 2, t.type, t.bits, 1);
                 Picture pic(fresh_name(), d, texture);
                 PXF__ssfilter(pic.reader, filter, radius);

@@ -108,7 +108,8 @@ PXF_IMAGE *apply_resize(PXF_IMAGE *image, const ReadOptions &options, const std:
     PXF_CLOSE_FN before = image->close;
     take_report();
     image = PXF__scale_init(image, int(tw), int(th), options.filter.empty() ? nullptr : options.filter.c_str());
-    if (image->close == before) fail_with_report(path, "cannot resize to " + std::to_string(tw) + "x" + std::to_string(th));
+    if (image->close == before)
+        fail_with_report(path, "cannot resize to " + std::to_string(tw) + "x" + std::to_string(th));
     return image;
 }
 
