@@ -617,6 +617,75 @@ PXF_API int PXF__minmax_done(PXF_IMAGE *image);
 /* The range in use for `channel` while the min-max stage is on top: 1, or 0
  * (outputs untouched) when it is not or the channel does not exist. */
 PXF_API int PXF__minmax_range(PXF_IMAGE *image, int channel, float *min, float *max);
+/* Resampling (reading).  Filters are named: "box", "triangle",
+ * "catmull-rom", "mitchell" (the default, for a null name), "lanczos3",
+ * "gaussian"; rows beyond the image repeat its edge pixels.  Colour is
+ * filtered premultiplied by the first matte channel when there is one (so
+ * that a pixel of matte 0 lends no colour to its neighbours) and delivered
+ * divided by the filtered matte again.  Groups keep their element types:
+ * integers are rounded and clamped to their range, floats are not clamped.
+ * Arithmetic is single precision (32-bit integers keep 24 significant bits).
+ * Messages (set 902): 230 "%s: unknown filter %s (known: %s)",
+ * 231 "%s: bad size %d x %d (each side 1 to %d pixels)",
+ * 232 "%s: bad radius %g (above 0, at most %g)"; pxf__err -16.
+ *
+ * PXF__scale_init delivers the image at width x height (1 to 1000000 each;
+ * x and y independent), scanline by scanline in any order, from a ring of
+ * the few source rows each output row needs.  When minifying, the filter is
+ * widened by the reduction so that the result does not alias.  The window
+ * keeps its origin, the active window is mapped to the new size and the
+ * display aspect follows the new proportions (pixels keep their shape).
+ * Returns the image, unchanged when the size is the same, on bad arguments
+ * (reported) and when memory runs out. */
+PXF_API PXF_IMAGE *PXF__scale_init(PXF_IMAGE *image, int width, int height, const char *filter);
+PXF_API int PXF__scale_done(PXF_IMAGE *image);
+
+/* A symmetric blur: the named filter stretched so that its support reaches
+ * `radius` pixels (above 0, at most 1000) along x and y; the size stays. */
+PXF_API PXF_IMAGE *PXF__ssfilter(PXF_IMAGE *image, const char *filter, float radius);
+PXF_API int PXF__ssfilter_done(PXF_IMAGE *image);
+
+/* Mipmap textures.  Level n of a width x height image is max(1, width >> n)
+ * x max(1, height >> n), each level filtered from the one above it; the
+ * chain of levels ends at 1 x 1. */
+#define PXF_TEXTURE_COLOUR 0 /* every group as it is */
+#define PXF_TEXTURE_SCALAR 1 /* the first image channel alone, format "scalar" */
+#define PXF_TEXTURE_BUMP 2   /* the first image channel as a height; see below */
+
+typedef struct PXF_MIPMAP_REQUEST {
+    int32_t level;           /* 0: the image itself, n: n halvings */
+    int32_t kind;            /* PXF_TEXTURE_COLOUR, _SCALAR or _BUMP */
+    const char *filter;      /* a filter name, null for the default */
+    PXF_CHAN_TYPE output[3]; /* image, matte, aux: float groups become these
+                                integers (clamped to 0..1 first); type 0
+                                leaves a group as it is */
+    int32_t random_access;   /* non-zero: the image can already be read in any
+                                order (a memory image), so no raster copy */
+} PXF_MIPMAP_REQUEST;
+
+/* Number of levels from width x height down to 1 x 1 (1 + log2 of the
+ * longer side, rounded down); 0 for an empty size. */
+PXF_API int PXF_mipmap_levels(int width, int height);
+
+/* Delivers one level of a texture made from the image (reading).  Stacks a
+ * raster copy of the image (unless random_access), one halving scale stage
+ * per level, the stage of the texture kind and, for integer output of float
+ * data, the quantize operator.  Bump textures deliver three float channels
+ * (format "bump"): the height (the first image channel, integers normalised
+ * to 0..1), then its slopes dh/du and dh/dv, where u runs from 0 to 1 across
+ * the level's width (left to right) and v from 0 to 1 across its height
+ * (from the window's bottom scanline up); slopes are central differences,
+ * one-sided at the edges, so a height ramp gives the same slope at every
+ * level.  The halving stages filter every channel of the image (colour
+ * weighted by the matte) before the kind's channels are taken; the image
+ * processes instead filter a scalar or height channel alone.  Returns the
+ * image, unchanged on bad requests (reported: an
+ * unknown filter or kind, a level beyond the 1 x 1 one, 902/231 and
+ * 902/233 "%s: bad texture request (%s)") and when memory runs out.
+ * PXF__mipmap_done removes every stage PXF__mipmap stacked; 0 when another
+ * operator is on top of them. */
+PXF_API PXF_IMAGE *PXF__mipmap(PXF_IMAGE *image, const PXF_MIPMAP_REQUEST *request);
+PXF_API int PXF__mipmap_done(PXF_IMAGE *image);
 /* ---- File names with frame numbers ---------------------------------- */
 
 /* Token kinds of a parsed name syntax. */

@@ -186,6 +186,34 @@ plugin_path)
   PXF_PLUGIN_PATH=/nonexistent expect 1 "$pxf" make-sample x.png
   one_line_error '.png'
   ;;
+resample)
+  expect 0 "$pxf" make-sample s.rla --size 64x48
+  expect 0 "$pxf" convert s.rla half.png --resize 50% --filter lanczos3
+  pngcheck -v half.png >check.txt
+  has '32 x 24 image' check.txt
+  expect 0 "$pxf" convert s.rla odd.tif --resize 101x7
+  tiff_ok odd.tif
+  has 'Image Width: 101 Image Length: 7' tiff.txt
+  expect 0 "$pxf" swatch s.rla sw.png --size 16
+  pngcheck -v sw.png >check.txt
+  has '16 x 12 image' check.txt
+  expect 0 "$pxf" mipmap s.rla tex.rla --kind bump --filter box
+  expect 0 "$pxf" info tex.rla
+  has 'colour *3 x float 32-bit (bump)'
+  expect 0 "$pxf" mipmap --help
+  has 'dh/du'
+  expect 2 "$pxf" convert s.rla x.png --resize 0x5
+  one_line_error 'from 1 to 1000000'
+  expect 2 "$pxf" convert s.rla x.png --resize 10x10 --filter sinc
+  one_line_error 'unknown filter "sinc"'
+  expect 2 "$pxf" mipmap s.rla x.rla --kind normal
+  one_line_error '--kind'
+  expect 2 "$pxf" swatch s.rla x.png
+  one_line_error 'needs --size'
+  expect 2 "$pxf" convert s.rla x.png --resize 1000001x5
+  one_line_error 'from 1 to 1000000'
+  [ ! -e x.png ] && [ ! -e x.rla ] || fail "a refused command left a file"
+  ;;
 *)
   fail "unknown case"
   ;;

@@ -217,6 +217,9 @@ const char *kConvertHelp =
     "  --primaries P      8-bit RGB to other primaries: srgb, rec709, rec2020,\n"
     "                     p3, adobe, ntsc, or rx,ry,gx,gy,bx,by,wx,wy\n"
     "  --luminance        one channel of luminance (Y) instead of colour\n"
+    "  --resize WxH|N%    scale to W x H pixels, or by N percent\n"
+    "  --filter NAME      resampling filter: box, triangle, catmull-rom,\n"
+    "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
     "                     (tiff: none, lzw, deflate, packbits)\n"
     "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
@@ -320,6 +323,8 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--gamma") read.gamma = float(parse_number(next_value(args, i), a));
         else if (a == "--quantize") read.quantize = int(parse_integer(next_value(args, i), a, 1, 32));
         else if (a == "--field") read.field = true;
+        else if (a == "--resize") parse_resize(next_value(args, i), read);
+        else if (a == "--filter") read.filter = checked_filter(next_value(args, i));
         else if (a == "--compression") write.compression = next_value(args, i);
         else if (a == "--frames") frames = next_value(args, i);
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));

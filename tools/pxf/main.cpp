@@ -18,6 +18,8 @@ const char *kHelp =
     "  info FILE...       describe image files (--json for scripts)\n"
     "  convert IN OUT     convert an image, or a frame sequence, to another format\n"
     "  make-sample OUT    write the built-in sample image\n"
+    "  mipmap IN OUT.rla  write a mipmapped texture (every level in one file)\n"
+    "  swatch IN OUT      write a small preview (--size N)\n"
     "\n"
     "'pxf COMMAND --help' shows the options of a command.  Format plug-ins are\n"
     "loaded from the directories of PXF_PLUGIN_PATH (separated by ':').\n"
@@ -72,6 +74,8 @@ int run(int argc, char **argv) {
         else if (command == "info") run = run_info;
         else if (command == "convert") run = run_convert;
         else if (command == "make-sample") run = run_make_sample;
+        else if (command == "mipmap") run = run_mipmap;
+        else if (command == "swatch") run = run_swatch;
         else throw UsageError("unknown command \"" + command + "\" (see pxf --help)");
         capture_reports();
         load_plugins(argv[0]);

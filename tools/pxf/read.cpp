@@ -73,6 +73,8 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             roomy = native;
             for (Group &g : roomy.group) g.type = PXF_C_DOUBLE;
         }
+        if (options.resize_width > 0 || options.resize_percent > 0.0 || options.fit_size > 0)
+            image_ = apply_resize(image_, options, path);
         if (options.gamma > 0.0f) {
             PXF_RESPONSE_CURVE wanted{};
             wanted.kind = PXF_CURVE_GAMMA;

@@ -139,6 +139,11 @@ struct ReadOptions {
     float primaries[8] = {};  // red, green, blue, white: x, y
     bool has_normalize = false;
     float normalize[2] = {};  // low, high
+    // Resizing (texture.cpp): a size, a percentage or a longer side.
+    int resize_width = 0, resize_height = 0;
+    double resize_percent = 0.0;
+    int fit_size = 0;
+    std::string filter;  // empty: the library's default
 };
 
 // ---- Colour options (colour.cpp) ----
@@ -185,6 +190,17 @@ int run_formats(const std::vector<std::string> &args);
 int run_info(const std::vector<std::string> &args);
 int run_convert(const std::vector<std::string> &args);
 int run_make_sample(const std::vector<std::string> &args);
+int run_mipmap(const std::vector<std::string> &args);
+int run_swatch(const std::vector<std::string> &args);
+
+// ---- Resizing (texture.cpp) ----
+
+// --resize WxH or N%; throws UsageError.
+void parse_resize(const std::string &text, ReadOptions &options);
+// A known filter name, or UsageError.
+std::string checked_filter(const std::string &name);
+// Stacks the scale operator for the options' size (if any) on `image`.
+PXF_IMAGE *apply_resize(PXF_IMAGE *image, const ReadOptions &options, const std::string &path);
 
 // ---- Progress (progress.cpp) ----
 
