@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include <pxf/dst.h>
+#include <pxf/frames.h>
 #include <pxf/plugin.h>
 #include <pxf/rla.h>
 
@@ -603,6 +604,7 @@ void PXF_symbols(void) {
                                     reinterpret_cast<void *>(&PXF_mem_r_open),
                                     reinterpret_cast<void *>(&PXF_pipe_w_open),
                                     reinterpret_cast<void *>(&PXF_rla_r_open),
-                                    reinterpret_cast<void *>(&PXF_rla_w_open)};
+                                    reinterpret_cast<void *>(&PXF_rla_w_open),
+                                    reinterpret_cast<void *>(&PXF_mpc_r_open)};
     (void)keep;
 }
