@@ -80,11 +80,12 @@ PXF_IMAGE *open_for_reading(const char *path) noexcept {
 }  // namespace pxf
 
 // Frame-numbered names open as one handle over their files; everything else
-// goes on to the drivers.
+// goes on to the drivers.  A claimed name that fails leaves pxf__err set.
 PXF_IMAGE *PXF_multiframe_open(PXF_INFO *info, const char *mode) {
     if (!info || !info->handle || !mode || std::strcmp(mode, "r") != 0) return nullptr;
     bool claimed = false;
     PXF_IMAGE *image = pxf::sequence_open(info->handle, claimed);
+    if (!image && !claimed) pxf__err = 0;
     return image;
 }
 
