@@ -37,6 +37,7 @@ inline constexpr int kMsgNoSequence = 712;
 inline constexpr int kMsgSequenceMismatch = 713;
 inline constexpr int kMsgBadDescription = 714;
 inline constexpr int kMsgBudget = 715;
+inline constexpr int kMsgChannels = 716;
 
 inline constexpr const char *kDriverName = "mpc";
 

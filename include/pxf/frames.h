@@ -103,6 +103,7 @@
  *   713  "Frame %d (%s) differs in size or layout from the sequence"     -16
  *   714  "%s: the container's image description is damaged"               -4
  *   715  "Playback cache budget of %lu bytes cannot hold one frame of %lu bytes" -16
+ *   716  "Playback cannot hold images of more than %d channels"           -16
  * and, shared with the rla driver: 52 cannot open, 53 bad scanline, 54
  * cannot read, 55 cannot read scanline, 56 cannot write, 57 cannot write
  * scanline, 58 cannot decode scanline, 70-80 channel types and widths, 94
