@@ -115,6 +115,8 @@ struct WriteOptions {
     std::string key;         // output driver; empty: from the file name
     std::string compression; // passed to the driver in info.compression
     std::string program = "pxf";
+    int frame = -1;      // frame number to record, -1: the source's
+    bool append = false; // add to an existing multi-frame container
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
