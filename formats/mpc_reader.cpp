@@ -24,6 +24,7 @@ namespace rla = pxf::rla;
 // it plausible: the codec packs at most 64 elements a byte.
 constexpr uint64_t kRowAllowance = uint64_t(16) << 20;
 constexpr uint64_t kBestRatio = 64;
+constexpr std::size_t kReadAhead = std::size_t(1) << 18;
 
 struct Reader {
     pxf::Frames frames;  // element 1 of the private data
@@ -37,8 +38,9 @@ struct Reader {
     int current;         // index entry of the current frame, -1 before the first
     int refused;         // the frame whose block failed its checks, while current is -1
     uint32_t *lines;     // active_height + 1 offsets within the block; the last is its length
-    unsigned char *data;  // one scanline's blocks
+    unsigned char *data;  // scanline blocks read ahead from the current frame
     std::size_t data_size;
+    uint64_t data_from, data_to;  // the part of the frame block held in data
     void **own_rows;
 };
 
@@ -201,6 +203,7 @@ int choose(Reader &r, int entry) {
         previous = r.lines[i] + 4 * uint64_t(l.channels);
     }
     if (!ok) {
+        r.data_from = r.data_to = 0;
         r.current = -1;
         r.refused = e.frame;
         return pxf::fail(pxf::kErrUnknownType, pxf::kErrUnknownType, kSetMessages, kMsgFrameMismatch,
@@ -208,6 +211,7 @@ int choose(Reader &r, int entry) {
     }
     r.lines[n] = uint32_t(e.length);
     r.current = entry;
+    r.data_from = r.data_to = 0;
     pxf__err = 0;
     return 0;
 }
@@ -283,26 +287,36 @@ int read_scan(void *data, int line, void ***rows, void **) {
     }
     int i = line - l.active.bottom;
     std::size_t n = r.lines[i + 1] - r.lines[i];
-    if (n > r.data_size) {
-        auto *grown = static_cast<unsigned char *>(pxf::heap_realloc(r.data, n));
-        if (!grown) {
-            pxf::report_no_memory();
-            return pxf__err = pxf::kErrNoMemory;
-        }
-        r.data = grown;
-        r.data_size = n;
-    }
     const Entry &e = r.index[r.current];
-    if (!read_at(r, e.offset + r.lines[i], r.data, n))
-        return pxf::fail(pxf::kErrBadScanline, pxf::kErrBadScanline, kSetMessages, rla::kMsgCannotReadScanline,
-                         "Cannot read scanline %d; %s", line, why_short());
+    // Scanlines are read ahead in large pieces: one read per line would cost
+    // more than decoding it.
+    if (r.lines[i] < r.data_from || r.lines[i + 1] > r.data_to) {
+        std::size_t want = n > kReadAhead ? n : kReadAhead;
+        if (want > e.length - r.lines[i]) want = std::size_t(e.length - r.lines[i]);
+        if (want > r.data_size) {
+            auto *grown = static_cast<unsigned char *>(pxf::heap_realloc(r.data, want));
+            if (!grown) {
+                pxf::report_no_memory();
+                return pxf__err = pxf::kErrNoMemory;
+            }
+            r.data = grown;
+            r.data_size = want;
+        }
+        r.data_from = r.data_to = 0;
+        if (!read_at(r, e.offset + r.lines[i], r.data, want))
+            return pxf::fail(pxf::kErrBadScanline, pxf::kErrBadScanline, kSetMessages, rla::kMsgCannotReadScanline,
+                             "Cannot read scanline %d; %s", line, why_short());
+        r.data_from = r.lines[i];
+        r.data_to = r.lines[i] + want;
+    }
+    const unsigned char *block = r.data + (r.lines[i] - r.data_from);
     std::size_t at = 0;
     for (int c = 0; c < l.channels; ++c) {
         if (n - at < 4) return cannot_decode(line);
-        uint32_t length = rla::get32(r.data + at);
+        uint32_t length = rla::get32(block + at);
         at += 4;
         if (length > n - at || length > uint32_t(INT32_MAX)) return cannot_decode(line);
-        int written = codec_of(l, c)->decode(r.data + at, int(length), dest[c], l.active_width,
+        int written = codec_of(l, c)->decode(block + at, int(length), dest[c], l.active_width,
                                              unsigned(l.leading), l.trailing);
         if (written != l.width) return cannot_decode(line);
         at += length;
