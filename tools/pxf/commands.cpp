@@ -266,6 +266,8 @@ const char *kConvertHelp =
     "                     (tiff: none, lzw, deflate, packbits)\n"
     "  --frames A-B       convert frames A to B of name.####.ext sequences;\n"
     "                     with OUT a .mpc container, pack them into it\n"
+    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's\n"
+    "                     left and bottom), clipped to the image\n"
     "  --frame N          take frame N of a multi-frame IN (a .mpc container);\n"
     "                     a multi-frame IN and an OUT with a frame field\n"
     "                     unpack every frame (or those of --frames)\n"
@@ -354,6 +356,7 @@ int run_convert(const std::vector<std::string> &args) {
     std::vector<std::string> paths;
     std::string frames;
     int one_frame = -1;
+    Crop crop;
     int jobs = 1;
     bool quiet = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -365,6 +368,7 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--field") read.field = true;
         else if (a == "--compression") write.compression = next_value(args, i);
         else if (a == "--frames") frames = next_value(args, i);
+        else if (a == "--crop") crop = parse_crop(next_value(args, i));
         else if (a == "--frame") one_frame = int(parse_integer(next_value(args, i), a, 0, 99999999));
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
         else if (a == "--quiet") quiet = true;
@@ -397,7 +401,8 @@ int run_convert(const std::vector<std::string> &args) {
             throw UsageError("convert: a name.####.ext sequence needs --frames A-B");
         Progress bar("convert", !quiet);
         FileSource source(in, read);
-        write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
+        if (crop.set) write_cropped(source, crop, out, write);
+        else write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
         return kExitOk;
     }
 

@@ -182,4 +182,13 @@ private:
     bool shown_ = false;
 };
 
+// --crop X,Y,W,H: from the window's left and bottom, in pixels.
+struct Crop {
+    bool set = false;
+    int x = 0, y = 0, width = 0, height = 0;
+};
+Crop parse_crop(const std::string &text);
+// Writes the rectangle of `source` (clipped to its window) to `path`.
+void write_cropped(FileSource &source, const Crop &crop, const std::string &path, const WriteOptions &options);
+
 }  // namespace pxftool
