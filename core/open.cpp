@@ -83,6 +83,7 @@ PXF_IMAGE *open_locked(PXF_INFO *info, const char *mode) {
     PXF_IMAGE *image = nullptr;
     if (reading) {
         if ((image = PXF_multiframe_open(info, mode))) goto opened;
+        if (pxf__err) return nullptr;  // the layer claimed the name and has reported
         if (!(image = new_handle(PXF_MODE_READ))) return out_of_memory(nullptr);
         PXF_INFO &to = image->info;
         if ((info->key && !(to.key = pxf::dup_string(info->key))) ||

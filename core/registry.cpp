@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include <pxf/dst.h>
+#include <pxf/frames.h>
 #include <pxf/plugin.h>
 #include <pxf/rla.h>
 #include <pxf/str.h>
@@ -665,6 +666,7 @@ void PXF_symbols(void) {
                                     reinterpret_cast<void *>(&PXF_rla_w_open),
                                     reinterpret_cast<void *>(&STR_define),
                                     reinterpret_cast<void *>(&STR_extension),
-                                    reinterpret_cast<void *>(&STR_tail)};
+                                    reinterpret_cast<void *>(&STR_tail),
+                                    reinterpret_cast<void *>(&PXF_mpc_r_open)};
     (void)keep;
 }

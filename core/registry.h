@@ -35,6 +35,7 @@ bool ends_with(const char *path, const char *ext) noexcept;
 extern const PXF_TYPE pipe_driver_type;
 extern const PXF_TYPE mem_driver_type;
 extern const PXF_TYPE rla_driver_type;
+extern const PXF_TYPE mpc_driver_type;
 extern const PXF_TYPE *const builtin_drivers[];
 extern const int builtin_driver_count;
 

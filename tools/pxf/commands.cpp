@@ -9,6 +9,8 @@
 #include <mutex>
 #include <thread>
 
+#include <pxf/frames.h>
+
 #include "tool.h"
 
 namespace pxftool {
@@ -171,6 +173,25 @@ void describe_text(const std::string &path, const FileSource &file) {
     for (const Text &t : texts_of(info)) std::printf("  %-12s %s\n", t.key, t.value);
 }
 
+// The frame numbers of a multi-frame image as ranges: "1-40, 42, 50-60".
+void describe_frames(PXF_IMAGE *image) {
+    int n = PXF_multiframe_count(image);
+    std::string list;
+    for (int i = 0, start = 0, previous = 0, f = 0; i <= n; ++i) {
+        bool more = i < n && PXF_multiframe_frame(image, i, &f) == 0;
+        if (i && (!more || f != previous + 1)) {
+            list += (list.empty() ? "" : ", ") + std::to_string(start);
+            if (previous != start) list += "-" + std::to_string(previous);
+        }
+        if (!more) break;
+        if (!i || f != previous + 1) start = f;
+        previous = f;
+    }
+    const PXF_IMAGE_DESC &d = image->info.images[0];
+    std::printf("  frames       %d of %dx%d: %s\n", n, d.window.right - d.window.left + 1,
+                d.window.top - d.window.bottom + 1, list.empty() ? "none" : list.c_str());
+}
+
 // ---- Frame sequences ----
 
 bool has_frame_field(const std::string &path) {
@@ -198,6 +219,37 @@ void parse_frames(const std::string &text, int &first, int &last) {
     if (last < first) throw UsageError("--frames: the range " + text + " runs backwards");
 }
 
+bool is_container(const std::string &path) {
+    return path.size() > 4 && path.compare(path.size() - 4, 4, ".mpc") == 0;
+}
+
+// Frames of a multi-frame IN: one (`frame`), or each of first..last (all
+// when last < first), to OUT's frame field.
+int convert_frames(const std::string &in, const std::string &out, const ReadOptions &read, WriteOptions write,
+                   int frame, int first, int last, bool quiet) {
+    FileSource source(in, read);
+    PXF_IMAGE *image = source.image();
+    if (!PXF_multiframe_is(image)) throw UsageError("convert: " + in + " has no frames to choose from");
+    std::vector<int> chosen;
+    for (int i = 0, n = PXF_multiframe_count(image), f = 0; i < n; ++i)
+        if (PXF_multiframe_frame(image, i, &f) == 0 && (frame >= 0 ? f == frame : last < first || (f >= first && f <= last)))
+            chosen.push_back(f);
+    if (chosen.empty()) throw Failure(in + ": no such frame");
+    if (chosen.size() > 1 && !has_frame_field(out))
+        throw UsageError("convert: OUT needs a frame field, as in name.####.ext, or give --frame N");
+    Progress bar("convert", !quiet);
+    int done = 0;
+    for (int f : chosen) {
+        take_report();
+        if (PXF_set_frame(image, f) != 0) fail_with_report(in, "cannot read frame " + std::to_string(f));
+        write.frame = f;
+        write_image(source, has_frame_field(out) ? frame_path(out, f) : out, write, nullptr);
+        bar.update(++done, int(chosen.size()));
+    }
+    bar.finish();
+    return kExitOk;
+}
+
 const char *kConvertHelp =
     "usage: pxf convert IN OUT [options]\n"
     "\n"
@@ -222,7 +274,13 @@ const char *kConvertHelp =
     "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
     "                     (tiff: none, lzw, deflate, packbits)\n"
-    "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
+    "  --frames A-B       convert frames A to B of name.####.ext sequences;\n"
+    "                     with OUT a .mpc container, pack them into it\n"
+    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's\n"
+    "                     left and bottom), clipped to the image\n"
+    "  --frame N          take frame N of a multi-frame IN (a .mpc container);\n"
+    "                     a multi-frame IN and an OUT with a frame field\n"
+    "                     unpack every frame (or those of --frames)\n"
     "  --jobs N           convert up to N frames at once (default 1)\n"
     "  --quiet            no progress bar\n";
 
@@ -293,6 +351,7 @@ int run_info(const std::vector<std::string> &args) {
                 // The object's closing "\n  }" makes way for the ranges.
                 if (json) entries.back().insert(entries.back().size() - 4, ",\n    \"stats\": " + ranges);
             }
+            if (!json && PXF_multiframe_is(file.image())) describe_frames(file.image());
         } catch (const Failure &e) {
             std::fflush(stdout);
             std::fprintf(stderr, "pxf: %s\n", e.what());
@@ -314,6 +373,8 @@ int run_convert(const std::vector<std::string> &args) {
     WriteOptions write;
     std::vector<std::string> paths;
     std::string frames;
+    int one_frame = -1;
+    Crop crop;
     int jobs = 1;
     bool quiet = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -327,6 +388,8 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--filter") read.filter = checked_filter(next_value(args, i));
         else if (a == "--compression") write.compression = next_value(args, i);
         else if (a == "--frames") frames = next_value(args, i);
+        else if (a == "--crop") crop = parse_crop(next_value(args, i));
+        else if (a == "--frame") one_frame = int(parse_integer(next_value(args, i), a, 0, 99999999));
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
         else if (a == "--quiet") quiet = true;
         else if (parse_colour_option(args, i, read)) continue;
@@ -335,13 +398,33 @@ int run_convert(const std::vector<std::string> &args) {
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
     const std::string &in = paths[0], &out = paths[1];
 
+    if (!has_frame_field(in) && (one_frame >= 0 || has_frame_field(out))) {
+        int first = 0, last = -1;
+        if (!frames.empty()) parse_frames(frames, first, last);
+        return convert_frames(in, out, read, write, one_frame, first, last, quiet);
+    }
+    if (has_frame_field(in) && !has_frame_field(out) && is_container(out) && !frames.empty()) {
+        int first = 0, last = 0;
+        parse_frames(frames, first, last);
+        Progress bar("convert", !quiet);
+        for (int f = first; f <= last; ++f) {
+            FileSource source(frame_path(in, f), read);
+            write.frame = f;
+            write.append = f > first;
+            write_image(source, out, write, nullptr);
+            bar.update(f - first + 1, last - first + 1);
+        }
+        bar.finish();
+        return kExitOk;
+    }
     if (frames.empty()) {
         if (has_frame_field(in) || has_frame_field(out))
             throw UsageError("convert: a name.####.ext sequence needs --frames A-B");
         refuse_same_file(in, out);
         Progress bar("convert", !quiet);
         FileSource source(in, read);
-        write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
+        if (crop.set) write_cropped(source, crop, out, write);
+        else write_image(source, out, write, [&](int done, int total) { bar.update(done, total); });
         return kExitOk;
     }
 

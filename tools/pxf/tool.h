@@ -115,6 +115,8 @@ struct WriteOptions {
     std::string key;         // output driver; empty: from the file name
     std::string compression; // passed to the driver in info.compression
     std::string program = "pxf";
+    int frame = -1;      // frame number to record, -1: the source's
+    bool append = false; // add to an existing multi-frame container
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
@@ -218,5 +220,14 @@ private:
     int last_percent_ = -1;
     bool shown_ = false;
 };
+
+// --crop X,Y,W,H: from the window's left and bottom, in pixels.
+struct Crop {
+    bool set = false;
+    int x = 0, y = 0, width = 0, height = 0;
+};
+Crop parse_crop(const std::string &text);
+// Writes the rectangle of `source` (clipped to its window) to `path`.
+void write_cropped(FileSource &source, const Crop &crop, const std::string &path, const WriteOptions &options);
 
 }  // namespace pxftool

@@ -93,6 +93,8 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
         std::memcpy(info.white_pt, in->white_pt, sizeof info.white_pt);
         info.frame = in->frame;
     }
+    if (options.frame >= 0) info.frame = options.frame;
+    info.option_flag = options.append;
     std::string key = driver->key;
     info.key = key.data();
     info.handle = const_cast<char *>(path.c_str());
