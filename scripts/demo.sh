@@ -4,7 +4,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-scripts/deps.sh build-essential cmake ninja-build libgtest-dev libpng-dev libtiff-dev
+scripts/deps.sh build-essential cmake ninja-build libgtest-dev libpng-dev libtiff-dev libopenexr-dev libjpeg62-turbo-dev
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)"
 
