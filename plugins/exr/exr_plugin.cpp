@@ -49,6 +49,7 @@
 #include <ImfStandardAttributes.h>
 #include <ImfStringAttribute.h>
 #include <ImfTiledOutputPart.h>
+#include <openexr.h>
 
 #include <algorithm>
 #include <cmath>
@@ -75,7 +76,6 @@ int imageBitsPerMatte = 32;
 int imageNumberOfZChannels = 64;
 int imageBitsPerZChannel = 32;
 int imageSupportsActiveWindow = 1;
-int imageInit(void);
 int imageReadOpen(PXF_IMAGE *image);
 int imageWriteOpen(PXF_IMAGE *image);
 int imageIsFile(const char *path, void *stream);
@@ -86,9 +86,8 @@ namespace {
 namespace Imf = OPENEXR_IMF_NAMESPACE;
 namespace Imath = IMATH_NAMESPACE;
 
-// Damaged or hostile headers must not make us (or the library) allocate
-// without bound: sides beyond this are refused, and so is a decoding block
-// beyond kMaxBlockBytes.
+// Damaged or hostile headers must not make us allocate without bound: sides
+// beyond this are refused, and so is a decoding block beyond kMaxBlockBytes.
 constexpr int kMaxSide = 1 << 20;
 constexpr size_t kMaxBlockBytes = size_t(512) << 20;
 constexpr int kMaxChannels = 1024;
@@ -118,7 +117,10 @@ struct Part {
     std::vector<char> block; // per channel: block_lines rows of width 4-byte elements
     std::vector<void *> rows; // row pointers handed to the caller
     int block_first = 0, block_last = -1; // EXR rows held in `block` (reading)
-    std::unique_ptr<Imf::InputPart> input;
+    int tiles_across = 0, tile_width = 0;
+    exr_decode_pipeline_t decoder = EXR_DECODE_PIPELINE_INITIALIZER;
+    bool decoder_ready = false;
+    std::unique_ptr<Imf::InputPart> input; // DWA parts (see read_part)
     std::unique_ptr<Imf::OutputPart> output;
     std::unique_ptr<Imf::TiledOutputPart> tiled_output;
     // Writing.
@@ -132,7 +134,8 @@ struct File {
     std::string path;
     std::string temp; // name being written, renamed to path when complete
     bool writing = false;
-    std::unique_ptr<Imf::MultiPartInputFile> input;
+    exr_context_t core = nullptr; // reading
+    std::unique_ptr<Imf::MultiPartInputFile> dwa_input;
     std::unique_ptr<Imf::MultiPartOutputFile> output;
     std::vector<std::unique_ptr<Part>> parts;
 };
@@ -147,22 +150,6 @@ int report(const std::string &path, const std::string &what) {
 int scan_error(int code) {
     pxf__err = code;
     return code;
-}
-
-const char *compression_name(Imf::Compression c) {
-    switch (c) {
-    case Imf::NO_COMPRESSION: return "none";
-    case Imf::RLE_COMPRESSION: return "RLE";
-    case Imf::ZIPS_COMPRESSION: return "ZIPS";
-    case Imf::ZIP_COMPRESSION: return "ZIP";
-    case Imf::PIZ_COMPRESSION: return "PIZ";
-    case Imf::PXR24_COMPRESSION: return "PXR24";
-    case Imf::B44_COMPRESSION: return "B44";
-    case Imf::B44A_COMPRESSION: return "B44A";
-    case Imf::DWAA_COMPRESSION: return "DWAA";
-    case Imf::DWAB_COMPRESSION: return "DWAB";
-    default: return "unknown";
-    }
 }
 
 int lines_per_chunk(Imf::Compression c) {
@@ -206,25 +193,92 @@ Imf::FrameBuffer frame_buffer(Part &p, int first) {
 }
 
 // ---- Reading ----
+//
+// Reading goes through the library's C core, whose header and chunk parsers
+// check every size against the file: damaged files fail cleanly instead of
+// asking for gigabytes.
+
+thread_local std::string core_complaint;
+
+void complain(exr_const_context_t, exr_result_t, const char *message) {
+    if (core_complaint.empty() && message) core_complaint = message;
+}
+
+std::string core_failure(exr_result_t result) {
+    return core_complaint.empty() ? std::string(exr_get_default_error_message(result)) : core_complaint;
+}
+
+// Decodes the chunk described by `chunk` into the block, whose first row is EXR row `first`.
+exr_result_t decode_chunk(Part &p, const exr_chunk_info_t &chunk, int first) {
+    exr_context_t core = p.file->core;
+    exr_result_t rc = p.decoder_ready ? exr_decoding_update(core, p.number, &chunk, &p.decoder)
+                                      : exr_decoding_initialize(core, p.number, &chunk, &p.decoder);
+    if (rc != EXR_ERR_SUCCESS) return rc;
+    p.decoder_ready = true;
+    if (p.decoder.channel_count != int(p.channels.size())) return EXR_ERR_CORRUPT_CHUNK;
+    const size_t row = size_t(p.width) * 4;
+    long long x0 = (long long)chunk.start_x - p.data.min.x, y0 = (long long)chunk.start_y - first;
+    if (x0 < 0 || y0 < 0 || x0 + chunk.width > p.width || y0 + chunk.height > p.block_lines) return EXR_ERR_CORRUPT_CHUNK;
+    for (int c = 0; c < p.decoder.channel_count; ++c) {
+        exr_coding_channel_info_t &ch = p.decoder.channels[c];
+        ch.decode_to_ptr = reinterpret_cast<uint8_t *>(p.block.data() + size_t(c) * p.plane_bytes() +
+                                                       size_t(y0) * row + size_t(x0) * 4);
+        ch.user_pixel_stride = 4;
+        ch.user_line_stride = int32_t(row);
+        ch.user_bytes_per_element = 4;
+        ch.user_data_type = p.channels[size_t(c)].slice_type == Imf::UINT ? EXR_PIXEL_UINT : EXR_PIXEL_FLOAT;
+    }
+    rc = exr_decoding_choose_default_routines(core, p.number, &p.decoder);
+    if (rc == EXR_ERR_SUCCESS) rc = exr_decoding_run(core, p.number, &p.decoder);
+    return rc;
+}
+
+// Decodes the chunk (or row of tiles) holding EXR row `row` into the block.
+bool load_block(Part &p, int row) {
+    int first = p.data.min.y + (row - p.data.min.y) / p.block_lines * p.block_lines;
+    int last = std::min(first + p.block_lines - 1, p.data.max.y);
+    exr_chunk_info_t chunk;
+    exr_result_t rc = EXR_ERR_SUCCESS;
+    core_complaint.clear();
+    p.block_first = 0, p.block_last = -1;
+    if (p.input) {
+        try {
+            p.input->setFrameBuffer(frame_buffer(p, first));
+            p.input->readPixels(first, last);
+        } catch (const std::exception &e) {
+            report(p.file->path, e.what());
+            return false;
+        }
+    } else if (p.tiled) {
+        int ty = (first - p.data.min.y) / p.block_lines;
+        for (int tx = 0; tx < p.tiles_across && rc == EXR_ERR_SUCCESS; ++tx) {
+            rc = exr_read_tile_chunk_info(p.file->core, p.number, tx, ty, 0, 0, &chunk);
+            if (rc == EXR_ERR_SUCCESS) {
+                // Library versions differ on whether tile positions are in
+                // pixels or in tiles: the tile's place is known anyway.
+                chunk.start_x = p.data.min.x + tx * p.tile_width;
+                chunk.start_y = first;
+                rc = decode_chunk(p, chunk, first);
+            }
+        }
+    } else {
+        rc = exr_read_scanline_chunk_info(p.file->core, p.number, first, &chunk);
+        if (rc == EXR_ERR_SUCCESS) rc = decode_chunk(p, chunk, first);
+    }
+    if (rc != EXR_ERR_SUCCESS) {
+        report(p.file->path, core_failure(rc));
+        return false;
+    }
+    p.block_first = first, p.block_last = last;
+    return true;
+}
 
 int read_scan(void *data, int line, void ***rows, void **) {
     Part &p = *static_cast<Part *>(data);
     long long y = p.mirror - line;
     if (y < p.data.min.y || y > p.data.max.y) return scan_error(PXF_E_BAD_SCANLINE);
     int row = int(y);
-    if (row < p.block_first || row > p.block_last) {
-        int first = p.data.min.y + (row - p.data.min.y) / p.block_lines * p.block_lines;
-        int last = std::min(first + p.block_lines - 1, p.data.max.y);
-        p.block_last = -1, p.block_first = 0;
-        try {
-            p.input->setFrameBuffer(frame_buffer(p, first));
-            p.input->readPixels(first, last);
-        } catch (const std::exception &e) {
-            report(p.file->path, e.what());
-            return scan_error(PXF_E_BAD_SCANLINE);
-        }
-        p.block_first = first, p.block_last = last;
-    }
+    if ((row < p.block_first || row > p.block_last) && !load_block(p, row)) return scan_error(PXF_E_BAD_SCANLINE);
     size_t offset = size_t(row - p.block_first) * size_t(p.width) * 4;
     for (size_t c = 0; c < p.channels.size(); ++c)
         p.rows[p.channels[c].index] = p.block.data() + c * p.plane_bytes() + offset;
@@ -253,35 +307,40 @@ void describe_group(const std::vector<Channel> &channels, Group group, const std
     else set_group(g, format, count, PXF_C_FLOAT, count && halves == count ? 16 : 32);
 }
 
-// Sorts the part's channels into groups; false with `why` when it cannot be read.
-bool classify(Part &p, const Imf::ChannelList &list, std::string &why, std::string &aux_names) {
-    bool has_r = list.findChannel("R") && list.findChannel("G") && list.findChannel("B");
+// Sorts the part's channels (in the file's order) into groups; false with
+// `why` when they cannot be read.
+bool classify(Part &p, const exr_attr_chlist_t &list, std::string &why, std::string &aux_names) {
+    auto has = [&](const char *name) {
+        for (int i = 0; i < list.num_channels; ++i)
+            if (!strcmp(list.entries[i].name.str, name)) return true;
+        return false;
+    };
+    bool has_rgb = has("R") && has("G") && has("B");
     int counts[3] = {0, 0, 0};
-    for (auto it = list.begin(); it != list.end(); ++it) {
-        const Imf::Channel &ch = it.channel();
-        std::string name = it.name();
-        if (ch.xSampling != 1 || ch.ySampling != 1) {
+    if (list.num_channels > kMaxChannels) {
+        why = "too many channels";
+        return false;
+    }
+    for (int i = 0; i < list.num_channels; ++i) {
+        const exr_attr_chlist_entry_t &ch = list.entries[i];
+        std::string name(ch.name.str, size_t(ch.name.length));
+        if (ch.x_sampling != 1 || ch.y_sampling != 1) {
             why = "channel " + name + " is subsampled (not supported)";
             return false;
         }
-        if (ch.type != Imf::HALF && ch.type != Imf::FLOAT && ch.type != Imf::UINT) {
-            why = "channel " + name + " has an unknown pixel type";
-            return false;
-        }
+        Imf::PixelType type = ch.pixel_type == EXR_PIXEL_HALF    ? Imf::HALF
+                              : ch.pixel_type == EXR_PIXEL_FLOAT ? Imf::FLOAT
+                                                                 : Imf::UINT;
         Group g = kAux;
-        if (has_r ? (name == "R" || name == "G" || name == "B") : name == "Y") g = kColour;
+        if (has_rgb ? (name == "R" || name == "G" || name == "B") : name == "Y") g = kColour;
         else if (name == "A") g = kMatte;
-        p.channels.push_back({name, g, 0, ch.type, Imf::FLOAT});
+        p.channels.push_back({name, g, 0, type, Imf::FLOAT});
         ++counts[g];
-        if (p.channels.size() > size_t(kMaxChannels)) {
-            why = "too many channels";
-            return false;
-        }
     }
     // Rows in group order; colour as R, G, B.
     int next_aux = counts[kColour] + counts[kMatte];
     for (Channel &c : p.channels) {
-        if (c.group == kColour) c.index = has_r ? (c.name == "R" ? 0 : c.name == "G" ? 1 : 2) : 0;
+        if (c.group == kColour) c.index = has_rgb ? (c.name == "R" ? 0 : c.name == "G" ? 1 : 2) : 0;
         else if (c.group == kMatte) c.index = counts[kColour];
         else {
             c.index = next_aux++;
@@ -291,19 +350,40 @@ bool classify(Part &p, const Imf::ChannelList &list, std::string &why, std::stri
     return true;
 }
 
+void take_attribute(exr_context_t core, const char *name, char *&field) {
+    int32_t length = 0;
+    const char *text = nullptr;
+    if (exr_attr_get_string(core, 0, name, &length, &text) == EXR_ERR_SUCCESS && text && length > 0)
+        take_text(field, std::string(text, size_t(length)));
+}
+
 bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::string &why) {
     auto part = std::make_unique<Part>();
     Part &p = *part;
     p.file = &f;
     p.number = number;
-    p.input = std::make_unique<Imf::InputPart>(*f.input, number);
-    const Imf::Header &h = p.input->header();
-    if (h.hasType() && Imf::isDeepData(h.type())) {
+    exr_context_t core = f.core;
+    exr_storage_t storage = EXR_STORAGE_LAST_TYPE;
+    exr_attr_box2i_t data{}, display{};
+    exr_compression_t compression = EXR_COMPRESSION_NONE;
+    const exr_attr_chlist_t *list = nullptr;
+    float pixel_aspect = 1.0f;
+    exr_result_t rc = exr_get_storage(core, number, &storage);
+    if (rc == EXR_ERR_SUCCESS) rc = exr_get_data_window(core, number, &data);
+    if (rc == EXR_ERR_SUCCESS) rc = exr_get_display_window(core, number, &display);
+    if (rc == EXR_ERR_SUCCESS) rc = exr_get_compression(core, number, &compression);
+    if (rc == EXR_ERR_SUCCESS) rc = exr_get_channels(core, number, &list);
+    if (rc != EXR_ERR_SUCCESS || !list) {
+        why = core_failure(rc);
+        return false;
+    }
+    if (exr_get_pixel_aspect_ratio(core, number, &pixel_aspect) != EXR_ERR_SUCCESS) pixel_aspect = 1.0f;
+    if (storage != EXR_STORAGE_SCANLINE && storage != EXR_STORAGE_TILED) {
         why = "deep data is not supported";
         return false;
     }
-    p.data = h.dataWindow();
-    p.display = h.displayWindow();
+    p.data = Imath::Box2i(Imath::V2i(data.min.x, data.min.y), Imath::V2i(data.max.x, data.max.y));
+    p.display = Imath::Box2i(Imath::V2i(display.min.x, display.min.y), Imath::V2i(display.max.x, display.max.y));
     long long w = (long long)p.data.max.x - p.data.min.x + 1, hgt = (long long)p.data.max.y - p.data.min.y + 1;
     if (w < 1 || hgt < 1 || w > kMaxSide || hgt > kMaxSide || p.display.max.x < p.display.min.x ||
         p.display.max.y < p.display.min.y) {
@@ -312,18 +392,31 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
     }
     p.width = int(w), p.height = int(hgt);
     p.mirror = (long long)p.display.min.y + p.display.max.y;
-    long long corners[4] = {p.mirror - p.data.min.y, p.mirror - p.data.max.y, p.display.min.y, p.display.max.y};
+    long long corners[2] = {p.mirror - p.data.min.y, p.mirror - p.data.max.y};
     for (long long v : corners)
         if (v < INT32_MIN || v > INT32_MAX) {
             why = "bad data or display window";
             return false;
         }
-    p.tiled = h.hasTileDescription();
-    p.block_lines = p.tiled ? int(std::min<unsigned>(h.tileDescription().ySize, unsigned(p.height)))
-                            : lines_per_chunk(h.compression());
-    if (p.block_lines < 1) p.block_lines = 1;
+    p.tiled = storage == EXR_STORAGE_TILED;
+    if (p.tiled) {
+        uint32_t tw = 0, th = 0;
+        exr_tile_level_mode_t level;
+        exr_tile_round_mode_t round;
+        if (exr_get_tile_descriptor(core, number, &tw, &th, &level, &round) != EXR_ERR_SUCCESS || tw < 1 || th < 1) {
+            why = "bad tile description";
+            return false;
+        }
+        p.block_lines = int(std::min<uint32_t>(th, uint32_t(p.height)));
+        p.tiles_across = int((uint64_t(p.width) + tw - 1) / tw);
+        p.tile_width = int(std::min<uint32_t>(tw, uint32_t(p.width)));
+    } else {
+        int32_t lines = 1;
+        if (exr_get_scanlines_per_chunk(core, number, &lines) != EXR_ERR_SUCCESS || lines < 1) lines = 1;
+        p.block_lines = std::min(int(lines), p.height);
+    }
     std::string aux_names;
-    if (!classify(p, h.channels(), why, aux_names)) return false;
+    if (!classify(p, *list, why, aux_names)) return false;
     if (p.channels.empty()) {
         why = "the image has no channels";
         return false;
@@ -340,6 +433,12 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
         why = "the image is too large";
         return false;
     }
+    if (compression == EXR_COMPRESSION_DWAA || compression == EXR_COMPRESSION_DWAB) {
+        // This version of the core cannot decode DWA data: the library's
+        // C++ reader does, on a file whose header the core has checked.
+        if (!f.dwa_input) f.dwa_input = std::make_unique<Imf::MultiPartInputFile>(f.path.c_str());
+        p.input = std::make_unique<Imf::InputPart>(*f.dwa_input, number);
+    }
     p.block.resize(p.plane_bytes() * p.channels.size());
     p.rows.resize(p.channels.size());
 
@@ -348,9 +447,9 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
     d.curve.gamma = 1.0f; // scene-linear
     d.window = {p.data.min.x, p.data.max.x, int(p.mirror - p.data.max.y), int(p.mirror - p.data.min.y)};
     d.active_window = {p.display.min.x, p.display.max.x, p.display.min.y, p.display.max.y};
-    d.x_res = p.display.max.x - p.display.min.x + 1;
-    d.y_res = p.display.max.y - p.display.min.y + 1;
-    d.aspect_ratio = float(double(d.x_res) / double(d.y_res) * double(h.pixelAspectRatio()));
+    d.x_res = int(std::min<long long>((long long)p.display.max.x - p.display.min.x + 1, INT32_MAX));
+    d.y_res = int(std::min<long long>((long long)p.display.max.y - p.display.min.y + 1, INT32_MAX));
+    d.aspect_ratio = float(double(d.x_res) / double(d.y_res) * double(pixel_aspect));
     if (!std::isfinite(d.aspect_ratio) || d.aspect_ratio <= 0.0f) d.aspect_ratio = 1.0f;
     d.step = 1;
     d.orientation = 0;
@@ -362,18 +461,21 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
     set_group(d.index, "", 0, PXF_C_INTEGER, 16);
 
     if (number == 0) {
-        Imf::Chromaticities chroma; // Rec. 709 primaries and D65 white: EXR's default
-        if (Imf::hasChromaticities(h)) chroma = Imf::chromaticities(h);
-        const Imath::V2f *xy[4] = {&chroma.red, &chroma.green, &chroma.blue, &chroma.white};
+        // Rec. 709 primaries and D65 white unless the file says otherwise.
+        exr_attr_chromaticities_t c{0.64f, 0.33f, 0.30f, 0.60f, 0.15f, 0.06f, 0.3127f, 0.3290f};
+        exr_attr_get_chromaticities(core, 0, "chromaticities", &c);
+        const float xy[4][2] = {{c.red_x, c.red_y}, {c.green_x, c.green_y}, {c.blue_x, c.blue_y}, {c.white_x, c.white_y}};
         float *to[4] = {info.red_pri, info.green_pri, info.blue_pri, info.white_pt};
-        for (int i = 0; i < 4; ++i) to[i][0] = xy[i]->x, to[i][1] = xy[i]->y, to[i][2] = 1.0f - xy[i]->x - xy[i]->y;
-        if (Imf::hasComments(h)) take_text(info.desc, Imf::comments(h));
-        if (Imf::hasOwner(h)) take_text(info.user, Imf::owner(h));
-        if (Imf::hasCapDate(h)) take_text(info.date, Imf::capDate(h));
-        if (auto *a = h.findTypedAttribute<Imf::StringAttribute>("software")) take_text(info.program, a->value());
-        if (auto *a = h.findTypedAttribute<Imf::StringAttribute>("hostComputer")) take_text(info.machine, a->value());
-        if (h.hasName()) take_text(info.name, h.name());
-        take_text(info.compression, std::string(compression_name(h.compression())) + (p.tiled ? ", tiled" : ""));
+        for (int i = 0; i < 4; ++i) to[i][0] = xy[i][0], to[i][1] = xy[i][1], to[i][2] = 1.0f - xy[i][0] - xy[i][1];
+        take_attribute(core, "comments", info.desc);
+        take_attribute(core, "owner", info.user);
+        take_attribute(core, "capDate", info.date);
+        take_attribute(core, "software", info.program);
+        take_attribute(core, "hostComputer", info.machine);
+        take_attribute(core, "name", info.name);
+        static const char *const names[] = {"none", "RLE", "ZIPS", "ZIP", "PIZ", "PXR24", "B44", "B44A", "DWAA", "DWAB"};
+        std::string method = compression < EXR_COMPRESSION_LAST_TYPE ? names[compression] : "unknown";
+        take_text(info.compression, method + (p.tiled ? ", tiled" : ""));
     }
     f.parts.push_back(std::move(part));
     return true;
@@ -384,8 +486,11 @@ int exr_close(PXF_IMAGE *image);
 // Frees the driver's records; the temporary file of an unfinished write goes too.
 void release(File *f) {
     if (!f) return;
+    for (auto &part : f->parts)
+        if (part->decoder_ready) exr_decoding_destroy(f->core, &part->decoder);
     f->parts.clear();
-    f->input.reset();
+    f->dwa_input.reset();
+    if (f->core) exr_finish(&f->core);
     f->output.reset();
     if (!f->temp.empty()) unlink(f->temp.c_str());
     delete f;
@@ -706,13 +811,6 @@ int exr_close(PXF_IMAGE *image) {
 
 } // namespace
 
-int imageInit(void) {
-    // Keeps damaged headers from making the library allocate without bound.
-    Imf::Header::setMaxImageSize(kMaxSide, kMaxSide);
-    Imf::Header::setMaxTileSize(kMaxSide, kMaxSide);
-    return 1;
-}
-
 int imageIsFile(const char *path, void *stream) {
     unsigned char head[4];
     FILE *f = stream ? static_cast<FILE *>(stream) : fopen(path, "rb");
@@ -734,8 +832,15 @@ int imageReadOpen(PXF_IMAGE *image) {
         if (!probe) return open_failed(f, image, strerror(errno));
         fclose(probe);
         if (!imageIsFile(path, nullptr)) return open_failed(f, image, "not an OpenEXR file");
-        f->input = std::make_unique<Imf::MultiPartInputFile>(path);
-        int parts = f->input->parts();
+        exr_context_initializer_t init = EXR_DEFAULT_CONTEXT_INITIALIZER;
+        init.error_handler_fn = complain;
+        init.max_image_width = init.max_image_height = kMaxSide;
+        init.max_tile_width = init.max_tile_height = kMaxSide;
+        core_complaint.clear();
+        exr_result_t rc = exr_start_read(&f->core, path, &init);
+        int parts = 0;
+        if (rc == EXR_ERR_SUCCESS) rc = exr_get_count(f->core, &parts);
+        if (rc != EXR_ERR_SUCCESS) return open_failed(f, image, core_failure(rc));
         if (parts < 1) return open_failed(f, image, "the file holds no image");
         auto *descs = static_cast<PXF_IMAGE_DESC *>(calloc(size_t(parts), sizeof(PXF_IMAGE_DESC)));
         if (!descs) return open_failed(f, image, "out of memory");
