@@ -141,8 +141,11 @@ struct File {
 };
 
 int report(const std::string &path, const std::string &what) {
+    // One printable line: damaged files put anything into the names the
+    // library quotes.
     std::string line = what;
-    std::replace(line.begin(), line.end(), '\n', ' ');
+    for (char &c : line)
+        if (static_cast<unsigned char>(c) < 32 || static_cast<unsigned char>(c) > 126) c = c == '\n' ? ' ' : '?';
     ERR_printf(ERR_ERROR, "%s: %s", path.c_str(), line.c_str());
     return 0;
 }
@@ -357,6 +360,80 @@ void take_attribute(exr_context_t core, const char *name, char *&field) {
         take_text(field, std::string(text, size_t(length)));
 }
 
+// The C++ reader (DWA parts) reads each header attribute by its type and
+// allocates what the attribute claims before reading it.  Its headers are
+// walked here first, attribute by attribute as that reader will, and every
+// claim must fit the attribute and the file.
+bool fits_cpp_reader(const std::string &path, std::string &why) {
+    FILE *f = fopen(path.c_str(), "rb");
+    if (!f) {
+        why = strerror(errno);
+        return false;
+    }
+    std::vector<unsigned char> bytes;
+    unsigned char chunk[65536];
+    size_t n;
+    // Headers come first; 16 MiB is far more than any real header needs.
+    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0 && bytes.size() < (size_t(16) << 20))
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    struct stat st;
+    long long file_size = fstat(fileno(f), &st) == 0 ? (long long)st.st_size : 0;
+    fclose(f);
+    why = "damaged header";
+    size_t at = 8;
+    auto text = [&](std::string &out) {
+        out.clear();
+        while (at < bytes.size() && bytes[at] != 0 && out.size() < 255) out += char(bytes[at++]);
+        return at < bytes.size() && bytes[at++] == 0;
+    };
+    auto le32 = [&](size_t i) {
+        return uint32_t(bytes[i]) | uint32_t(bytes[i + 1]) << 8 | uint32_t(bytes[i + 2]) << 16 | uint32_t(bytes[i + 3]) << 24;
+    };
+    static const struct {
+        const char *type;
+        int size;
+    } fixed[] = {{"box2i", 16}, {"box2f", 16}, {"compression", 1}, {"lineOrder", 1}, {"envmap", 1},
+                 {"deepImageState", 1}, {"float", 4}, {"double", 8}, {"int", 4}, {"v2i", 8}, {"v2f", 8},
+                 {"v2d", 16}, {"v3i", 12}, {"v3f", 12}, {"v3d", 24}, {"m33f", 36}, {"m33d", 72}, {"m44f", 64},
+                 {"m44d", 128}, {"chromaticities", 32}, {"rational", 8}, {"keycode", 28}, {"timecode", 8},
+                 {"tiledesc", 9}};
+    bool multi = bytes.size() >= 8 && (bytes[5] & 0x10) != 0;
+    for (int header = 0; header <= kMaxChannels; ++header) {
+        int attributes = 0;
+        for (;;) {
+            std::string name, type;
+            if (!text(name)) return false;
+            if (name.empty()) break;
+            if (!text(type) || at + 4 > bytes.size()) return false;
+            long long size = (long long)(int32_t)le32(at);
+            at += 4;
+            if (size < 0 || size > (long long)(bytes.size() - at) || size > file_size) {
+                why = "attribute \"" + name + "\" claims more bytes than the file holds";
+                return false;
+            }
+            for (const auto &k : fixed)
+                if (type == k.type && size != k.size) return false;
+            if (type == "preview" && (size < 8 || 8 + 4ll * le32(at) * le32(at + 4) != size)) return false;
+            if (type == "chlist") {
+                // Entries up to a terminating empty name, exactly filling the attribute.
+                size_t end = at + size_t(size), i = at;
+                for (;;) {
+                    size_t start = i;
+                    while (i < end && bytes[i]) ++i;
+                    if (i >= end) return false;
+                    if (i++ == start) break;
+                    i += 16;
+                }
+                if (i != end) return false;
+            }
+            at += size_t(size);
+            ++attributes;
+        }
+        if (!multi || attributes == 0) return true;
+    }
+    return false;
+}
+
 bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::string &why) {
     auto part = std::make_unique<Part>();
     Part &p = *part;
@@ -435,7 +512,9 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
     }
     if (compression == EXR_COMPRESSION_DWAA || compression == EXR_COMPRESSION_DWAB) {
         // This version of the core cannot decode DWA data: the library's
-        // C++ reader does, on a file whose header the core has checked.
+        // C++ reader does, on a file whose headers both we and the core
+        // have checked.
+        if (!f.dwa_input && !fits_cpp_reader(f.path, why)) return false;
         if (!f.dwa_input) f.dwa_input = std::make_unique<Imf::MultiPartInputFile>(f.path.c_str());
         p.input = std::make_unique<Imf::InputPart>(*f.dwa_input, number);
     }

@@ -82,10 +82,14 @@ static void fatal(j_common_ptr cinfo) {
     longjmp(p->jump, 1);
 }
 
-/* Warnings are ignored, except a file that ends early: libjpeg would pad
- * it with grey, and a truncated file is damage. */
+/* Warnings are ignored, except data that ends early or breaks off: libjpeg
+ * would pad the image with grey, so a few bytes could pass for a huge
+ * picture, and a truncated file is damage. */
 static void warned(j_common_ptr cinfo, int level) {
-    if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF) fatal(cinfo);
+    int code = cinfo->err->msg_code;
+    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER || code == JWRN_MUST_RESYNC ||
+                      code == JWRN_NOT_SEQUENTIAL))
+        fatal(cinfo);
 }
 
 static int report(const char *path, const char *what) {
@@ -318,6 +322,15 @@ int imageReadOpen(PXF_IMAGE *image) {
     p->err.emit_message = warned;
     if (!start_reading(p)) return open_failed(p, p->message);
     if (p->in.data_precision != 8) return open_failed(p, "only 8-bit JPEG files are supported");
+    {
+        /* Every 8 x 8 block costs at least one bit of coded data, so a file
+         * holds at most 512 pixels per byte; a frame far beyond that is a
+         * damaged header, which libjpeg would fill with grey at length. */
+        struct stat st;
+        double pixels = (double)p->in.image_width * (double)p->in.image_height;
+        if (fstat(fileno(p->file), &st) == 0 && pixels > 1024.0 * (double)st.st_size + 1048576.0)
+            return open_failed(p, "the frame is larger than the file's data could hold (damaged header?)");
+    }
     p->components = p->in.output_components;
     p->channels = p->components == 1 ? 1 : 3;
     p->adobe_inverted = p->components == 4 && p->in.saw_Adobe_marker;
