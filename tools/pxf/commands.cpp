@@ -211,7 +211,10 @@ const char *kConvertHelp =
     "                     integers (use after --float, or on float files)\n"
     "  --field            pair two field files (name.NNNN) into one frame\n"
     "  --compression C    compression where the format offers a choice\n"
-    "                     (tiff: none, lzw, deflate, packbits)\n"
+    "                     (tiff: none, lzw, deflate, packbits; exr: none, rle,\n"
+    "                     zips, zip, piz, pxr24, b44, b44a, dwaa, dwab;\n"
+    "                     jpeg: baseline, progressive)\n"
+    "  --quality Q        quality of lossy formats, 1 to 100 (jpeg)\n"
     "  --frames A-B       convert frames A to B of name.####.ext sequences\n"
     "  --jobs N           convert up to N frames at once (default 1)\n"
     "  --quiet            no progress bar\n";
@@ -306,6 +309,7 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--quantize") read.quantize = int(parse_integer(next_value(args, i), a, 1, 32));
         else if (a == "--field") read.field = true;
         else if (a == "--compression") write.compression = next_value(args, i);
+        else if (a == "--quality") write.quality = int(parse_integer(next_value(args, i), a, 1, 100));
         else if (a == "--frames") frames = next_value(args, i);
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
         else if (a == "--quiet") quiet = true;
