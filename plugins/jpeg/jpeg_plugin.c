@@ -233,6 +233,13 @@ static int read_rows(jpeg_file *p, JSAMPLE *into, int count, size_t stride) {
 /* Decoded file row `src` (components per pixel) to the delivered planes. */
 static void deliver(jpeg_file *p, const JSAMPLE *src) {
     int x, c, n = p->components;
+    if (n < 4) {
+        for (c = 0; c < n; ++c) {
+            unsigned char *dst = p->planes + (size_t)c * (size_t)p->width;
+            for (x = 0; x < p->width; ++x) dst[x] = src[(size_t)x * (size_t)n + (size_t)c];
+        }
+        return;
+    }
     for (x = 0; x < p->width; ++x) {
         const JSAMPLE *px = src + (size_t)x * (size_t)n;
         if (n == 4) {
@@ -437,8 +444,14 @@ static int jpeg_write_scan(void *data, int line, void ***rows, void **table) {
     int x, c;
     (void)table;
     if (p->height - 1 - line != p->next_row) return bad_scanline();
-    for (c = 0; c < p->channels; ++c)
-        for (x = 0; x < p->width; ++x) p->row[x * p->channels + c] = (JSAMPLE)to_byte((*rows)[c], p->bits, x);
+    for (c = 0; c < p->channels; ++c) {
+        const uint8_t *src = (const uint8_t *)(*rows)[c];
+        JSAMPLE *dst = p->row + c;
+        if (p->bits == 8)
+            for (x = 0; x < p->width; ++x) dst[x * p->channels] = src[x];
+        else
+            for (x = 0; x < p->width; ++x) dst[x * p->channels] = (JSAMPLE)to_byte((*rows)[c], p->bits, x);
+    }
     if (!write_row(p)) {
         report(p->path, p->message);
         pxf__err = PXF_E_FLUSH;
