@@ -365,29 +365,24 @@ void take_attribute(exr_context_t core, const char *name, char *&field) {
 // walked here first, attribute by attribute as that reader will, and every
 // claim must fit the attribute and the file.
 bool fits_cpp_reader(const std::string &path, std::string &why) {
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) {
-        why = strerror(errno);
+    std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "rb"), fclose);
+    FILE *f = file.get();
+    struct stat st;
+    unsigned char head[8];
+    if (!f || fstat(fileno(f), &st) != 0 || fread(head, 1, 8, f) != 8) {
+        why = f ? "damaged header" : strerror(errno);
         return false;
     }
-    std::vector<unsigned char> bytes;
-    unsigned char chunk[65536];
-    size_t n;
-    // Headers come first; 16 MiB is far more than any real header needs.
-    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0 && bytes.size() < (size_t(16) << 20))
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    struct stat st;
-    long long file_size = fstat(fileno(f), &st) == 0 ? (long long)st.st_size : 0;
-    fclose(f);
+    const long long file_size = (long long)st.st_size;
     why = "damaged header";
-    size_t at = 8;
     auto text = [&](std::string &out) {
+        int c;
         out.clear();
-        while (at < bytes.size() && bytes[at] != 0 && out.size() < 255) out += char(bytes[at++]);
-        return at < bytes.size() && bytes[at++] == 0;
+        while ((c = fgetc(f)) > 0 && out.size() < 255) out += char(c);
+        return c == 0;
     };
-    auto le32 = [&](size_t i) {
-        return uint32_t(bytes[i]) | uint32_t(bytes[i + 1]) << 8 | uint32_t(bytes[i + 2]) << 16 | uint32_t(bytes[i + 3]) << 24;
+    auto le32 = [](const unsigned char *b) {
+        return uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
     };
     static const struct {
         const char *type;
@@ -397,36 +392,39 @@ bool fits_cpp_reader(const std::string &path, std::string &why) {
                  {"v2d", 16}, {"v3i", 12}, {"v3f", 12}, {"v3d", 24}, {"m33f", 36}, {"m33d", 72}, {"m44f", 64},
                  {"m44d", 128}, {"chromaticities", 32}, {"rational", 8}, {"keycode", 28}, {"timecode", 8},
                  {"tiledesc", 9}};
-    bool multi = bytes.size() >= 8 && (bytes[5] & 0x10) != 0;
+    const bool multi = (head[5] & 0x10) != 0;
     for (int header = 0; header <= kMaxChannels; ++header) {
         int attributes = 0;
         for (;;) {
             std::string name, type;
+            unsigned char b[8];
             if (!text(name)) return false;
             if (name.empty()) break;
-            if (!text(type) || at + 4 > bytes.size()) return false;
-            long long size = (long long)(int32_t)le32(at);
-            at += 4;
-            if (size < 0 || size > (long long)(bytes.size() - at) || size > file_size) {
+            if (!text(type) || fread(b, 1, 4, f) != 4) return false;
+            long long size = (long long)(int32_t)le32(b), at = (long long)ftell(f);
+            if (size < 0 || size > file_size - at) {
                 why = "attribute \"" + name + "\" claims more bytes than the file holds";
                 return false;
             }
             for (const auto &k : fixed)
                 if (type == k.type && size != k.size) return false;
-            if (type == "preview" && (size < 8 || 8 + 4ll * le32(at) * le32(at + 4) != size)) return false;
-            if (type == "chlist") {
+            if (type == "preview") {
+                if (size < 8 || fread(b, 1, 8, f) != 8 || 8 + 4ll * le32(b) * le32(b + 4) != size) return false;
+            } else if (type == "chlist") {
                 // Entries up to a terminating empty name, exactly filling the attribute.
-                size_t end = at + size_t(size), i = at;
+                std::vector<unsigned char> list(static_cast<size_t>(size));
+                if (size && fread(list.data(), 1, list.size(), f) != list.size()) return false;
+                size_t i = 0;
                 for (;;) {
                     size_t start = i;
-                    while (i < end && bytes[i]) ++i;
-                    if (i >= end) return false;
+                    while (i < list.size() && list[i]) ++i;
+                    if (i >= list.size()) return false;
                     if (i++ == start) break;
                     i += 16;
                 }
-                if (i != end) return false;
+                if (i != list.size()) return false;
             }
-            at += size_t(size);
+            if (fseek(f, long(at + size), SEEK_SET) != 0) return false;
             ++attributes;
         }
         if (!multi || attributes == 0) return true;
