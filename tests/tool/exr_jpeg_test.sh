@@ -24,6 +24,10 @@ for f in *.exr; do exrheader "$f" >/dev/null || fail "exrheader rejects $f"; don
 for f in *.jpg; do djpeg "$f" >/dev/null || fail "djpeg rejects $f"; done
 for f in *.png; do pngcheck -q "$f" >/dev/null || fail "pngcheck rejects $f"; done
 exrheader sample.exr | grep -q 'Z, 32-bit floating-point' || fail "the depth channel did not reach the EXR file"
+# Named auxiliary channels (a second view's right.R ... right.Z) keep their names.
+exrmultiview left sample.exr right sample.exr views.exr >/dev/null
+"$pxf" convert views.exr views-copy.exr --quiet 2>/dev/null
+exrheader views-copy.exr | grep -q 'right.Z, 32-bit' || fail "auxiliary channel names were lost"
 
 # Linear EXR colour written as 8-bit PNG is encoded for display again: the
 # pixels match the PNG written straight from the sample.

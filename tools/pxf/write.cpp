@@ -69,7 +69,11 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     apply_layout(desc, to);
     desc.chan.format = const_cast<char *>(format_name(kColour, to.group[kColour].count));
     desc.matte.format = const_cast<char *>(format_name(kMatte, to.group[kMatte].count));
-    desc.aux.format = const_cast<char *>(format_name(kAux, to.group[kAux].count));
+    // Auxiliary channels keep their names (an EXR's Z, N.x, ...) when all of them go along.
+    const char *aux_names = source.desc().aux.format;
+    desc.aux.format = aux_names && aux_names[0] && to.group[kAux].count == from.group[kAux].count
+                          ? const_cast<char *>(aux_names)
+                          : const_cast<char *>(format_name(kAux, to.group[kAux].count));
     desc.index.format = nullptr;
 
     // PXF_open copies everything it keeps, so the info may borrow strings.
