@@ -444,13 +444,16 @@ static int jpeg_write_scan(void *data, int line, void ***rows, void **table) {
     int x, c;
     (void)table;
     if (p->height - 1 - line != p->next_row) return bad_scanline();
-    for (c = 0; c < p->channels; ++c) {
-        const uint8_t *src = (const uint8_t *)(*rows)[c];
-        JSAMPLE *dst = p->row + c;
-        if (p->bits == 8)
-            for (x = 0; x < p->width; ++x) dst[x * p->channels] = src[x];
-        else
+    if (p->bits == 8 && p->channels == 3) {
+        /* The common case in one pass. */
+        const uint8_t *r = (const uint8_t *)(*rows)[0], *g = (const uint8_t *)(*rows)[1], *b = (const uint8_t *)(*rows)[2];
+        JSAMPLE *dst = p->row;
+        for (x = 0; x < p->width; ++x, dst += 3) dst[0] = r[x], dst[1] = g[x], dst[2] = b[x];
+    } else {
+        for (c = 0; c < p->channels; ++c) {
+            JSAMPLE *dst = p->row + c;
             for (x = 0; x < p->width; ++x) dst[x * p->channels] = (JSAMPLE)to_byte((*rows)[c], p->bits, x);
+        }
     }
     if (!write_row(p)) {
         report(p->path, p->message);
