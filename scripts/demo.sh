@@ -5,12 +5,12 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-scripts/deps.sh build-essential cmake ninja-build libpng-dev libtiff-dev
+scripts/deps.sh build-essential cmake ninja-build libpng-dev libtiff-dev libopenexr-dev libjpeg62-turbo-dev
 log=build/demo-build.log
 mkdir -p build
 echo "Building libPXFbase, pxf and the plug-ins (log: $log)"
 if ! { cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPXF_BUILD_TESTS=OFF &&
-       cmake --build build -j "$(nproc)" --target PXFbase pxf pxf_plugin_png pxf_plugin_tiff; } >"$log" 2>&1; then
+       cmake --build build -j "$(nproc)" --target PXFbase pxf pxf_plugin_png pxf_plugin_tiff pxf_plugin_exr pxf_plugin_jpeg; } >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   echo "The build failed; the whole log is in $log" >&2
   exit 1

@@ -5,7 +5,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 scripts/deps.sh build-essential cmake ninja-build libgtest-dev libbenchmark-dev libc-bin binutils \
-  libpng-dev libtiff-dev pngcheck libtiff-tools pkg-config
+  libpng-dev libtiff-dev pngcheck libtiff-tools pkg-config \
+  libopenexr-dev openexr libjpeg62-turbo-dev libjpeg-turbo-progs
 
 jobs=$(nproc)
 run_suite() {

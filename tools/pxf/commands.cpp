@@ -273,14 +273,28 @@ const char *kConvertHelp =
     "  --filter NAME      resampling filter: box, triangle, catmull-rom,\n"
     "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
-    "                     (tiff: none, lzw, deflate, packbits)\n"
-    "  --frames A-B       convert frames A to B of name.####.ext sequences;\n"
-    "                     with OUT a .mpc container, pack them into it\n"
-    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's\n"
-    "                     left and bottom), clipped to the image\n"
-    "  --frame N          take frame N of a multi-frame IN (a .mpc container);\n"
-    "                     a multi-frame IN and an OUT with a frame field\n"
-    "                     unpack every frame (or those of --frames)\n"
+    "                     (tiff: none, lzw, deflate, packbits; exr: none, rle,
+"
+    "                     zips, zip, piz, pxr24, b44, b44a, dwaa, dwab;
+"
+    "                     jpeg: baseline, progressive)
+"
+    "  --quality Q        quality of lossy formats, 1 to 100 (jpeg)
+"
+    "  --frames A-B       convert frames A to B of name.####.ext sequences;
+"
+    "                     with OUT a .mpc container, pack them into it
+"
+    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's
+"
+    "                     left and bottom), clipped to the image
+"
+    "  --frame N          take frame N of a multi-frame IN (a .mpc container);
+"
+    "                     a multi-frame IN and an OUT with a frame field
+"
+    "                     unpack every frame (or those of --frames)
+"
     "  --jobs N           convert up to N frames at once (default 1)\n"
     "  --quiet            no progress bar\n";
 
@@ -387,6 +401,7 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--resize") parse_resize(next_value(args, i), read);
         else if (a == "--filter") read.filter = checked_filter(next_value(args, i));
         else if (a == "--compression") write.compression = next_value(args, i);
+        else if (a == "--quality") write.quality = int(parse_integer(next_value(args, i), a, 1, 100));
         else if (a == "--frames") frames = next_value(args, i);
         else if (a == "--crop") crop = parse_crop(next_value(args, i));
         else if (a == "--frame") one_frame = int(parse_integer(next_value(args, i), a, 0, 99999999));

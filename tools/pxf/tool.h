@@ -114,6 +114,7 @@ public:
 struct WriteOptions {
     std::string key;         // output driver; empty: from the file name
     std::string compression; // passed to the driver in info.compression
+    int quality = 0;         // lossy drivers' quality 1..100 (a float setting); 0: the driver's default
     std::string program = "pxf";
     int frame = -1;      // frame number to record, -1: the source's
     bool append = false; // add to an existing multi-frame container

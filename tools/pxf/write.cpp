@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+
+#include <pxf/fmt.h>
 
 #include "tool.h"
 
@@ -66,6 +69,14 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     PXF_IMAGE_DESC desc = source.desc();
     desc.aspect = nullptr;
     if (desc.curve.kind != PXF_CURVE_GAMMA) desc.curve = {PXF_CURVE_GAMMA, 1.0f, nullptr, 1, 256, PXF_C_INTEGER, 8, nullptr};
+    // Linear float colour (EXR, float TIFF) stored as integers is encoded
+    // with the default display gamma, as integer image files expect.
+    const float encode = from.group[kColour].type != PXF_C_INTEGER && to.group[kColour].type == PXF_C_INTEGER &&
+                                 desc.curve.gamma == 1.0f
+                             ? FMT_def_gamma()
+                             : 1.0f;
+    if (encode != 1.0f) desc.curve.gamma = encode;
+    ChannelBuffer encoded = encode != 1.0f ? ChannelBuffer(from, from.width) : ChannelBuffer();
     desc.curve.tables = nullptr;
     desc.image_kind = 1;
     desc.step = 1;
@@ -73,7 +84,11 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     apply_layout(desc, to);
     desc.chan.format = const_cast<char *>(format_name(kColour, to.group[kColour].count));
     desc.matte.format = const_cast<char *>(format_name(kMatte, to.group[kMatte].count));
-    desc.aux.format = const_cast<char *>(format_name(kAux, to.group[kAux].count));
+    // Auxiliary channels keep their names (an EXR's Z, N.x, ...) when all of them go along.
+    const char *aux_names = source.desc().aux.format;
+    desc.aux.format = aux_names && aux_names[0] && to.group[kAux].count == from.group[kAux].count
+                          ? const_cast<char *>(aux_names)
+                          : const_cast<char *>(format_name(kAux, to.group[kAux].count));
     desc.index.format = nullptr;
 
     // PXF_open copies everything it keeps, so the info may borrow strings.
@@ -102,6 +117,14 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     info.compression = options.compression.empty() ? nullptr : const_cast<char *>(options.compression.c_str());
     info.num_images = 1;
     info.images = &desc;
+    // The quality goes to the driver as its float setting.
+    PXF_CAP_SETTING quality{};
+    PXF_CAP_SETTING *settings[2] = {&quality, nullptr};
+    if (options.quality > 0) {
+        quality.code = 1;
+        quality.value.real = float(options.quality);
+        info.specific = settings;
+    }
 
     take_report();
     OpenOutput out;
@@ -141,6 +164,20 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     int total = stored.height, done = 0;
     auto line_at = [&](int i, bool up) { return up ? w.bottom + i : w.top - i; };
     auto put = [&](int line, void *const *src_rows) {
+        if (encode != 1.0f) {
+            convert_rows(src_rows, from, encoded.rows(), from);
+            for (int c = 0; c < from.group[kColour].count; ++c)
+                for (int x = 0; x < from.width; ++x) {
+                    if (from.group[kColour].type == PXF_C_DOUBLE) {
+                        double &v = static_cast<double *>(encoded.rows()[c])[x];
+                        v = v > 0.0 ? std::pow(v, 1.0 / encode) : 0.0;
+                    } else {
+                        float &v = static_cast<float *>(encoded.rows()[c])[x];
+                        v = v > 0.0f ? std::pow(v, 1.0f / encode) : 0.0f;
+                    }
+                }
+            src_rows = encoded.rows();
+        }
         convert_rows(src_rows, from, rows.rows(), stored);
         void **r = rows.rows();
         if (PXF_scan_write(out.image, line, &r) < 0)
