@@ -150,7 +150,7 @@ PXF_IMAGE *PXF__color_clip(PXF_IMAGE *image) {
 }
 
 int PXF__color_clip_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_COLOR_CLIP)) {
+    switch (pxf::ops::check_top<PXF__color_clip_done>(image, PXF_OP_COLOR_CLIP)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -251,7 +251,7 @@ PXF_IMAGE *install(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested, const Reques
 }
 
 int remove(PXF_IMAGE *image, int tag) {
-    switch (check_top(image, tag)) {
+    switch (check_top(image, tag, close_for(tag))) {
         case Top::empty: return 1;
         case Top::other: return 0;
         case Top::mine: break;

@@ -145,7 +145,7 @@ PXF_IMAGE *PXF__display(PXF_IMAGE *image, int request, const float *target, PXF_
 }
 
 int PXF__display_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_DISPLAY)) {
+    switch (pxf::ops::check_top<PXF__display_done>(image, PXF_OP_DISPLAY)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -180,7 +180,7 @@ PXF_IMAGE *PXF__minmax_init(PXF_IMAGE *image, const float *ranges) {
 }
 
 int PXF__minmax_range(PXF_IMAGE *image, int channel, float *low, float *high) {
-    if (pxf::ops::check_top(image, PXF_OP_MINMAX) != pxf::ops::Top::mine) return 0;
+    if (pxf::ops::check_top<PXF__minmax_done>(image, PXF_OP_MINMAX) != pxf::ops::Top::mine) return 0;
     auto *m = static_cast<const MinMax *>(pxf::ops::top_record(image));
     if (channel < 0 || channel >= m->channels) return 0;
     if (low) *low = m->low[channel];
@@ -189,7 +189,7 @@ int PXF__minmax_range(PXF_IMAGE *image, int channel, float *low, float *high) {
 }
 
 int PXF__minmax_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_MINMAX)) {
+    switch (pxf::ops::check_top<PXF__minmax_done>(image, PXF_OP_MINMAX)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -94,7 +94,7 @@ PXF_IMAGE *PXF__normalize(PXF_IMAGE *image, const float *image_range, const floa
 }
 
 int PXF__normalize_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_NORMALIZE)) {
+    switch (pxf::ops::check_top<PXF__normalize_done>(image, PXF_OP_NORMALIZE)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -158,7 +158,7 @@ PXF_IMAGE *install(PXF_IMAGE *image, int samples, int tag) {
 }
 
 int remove(PXF_IMAGE *image, int tag) {
-    switch (check_top(image, tag)) {
+    switch (check_top(image, tag, tag == PXF_OP_SAMP_TO_XYZ ? close_hook<remove_tag<PXF_OP_SAMP_TO_XYZ>> : close_hook<remove_tag<PXF_OP_SAMP_TO_RGB>>)) {
         case Top::empty: return 1;
         case Top::other: return 0;
         case Top::mine: break;

@@ -56,7 +56,7 @@ PXF_IMAGE *PXF__scale_init(PXF_IMAGE *image, int width, int height, const char *
 }
 
 int PXF__scale_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_SCALE)) {
+    switch (pxf::ops::check_top<PXF__scale_done>(image, PXF_OP_SCALE)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -52,7 +52,7 @@ PXF_IMAGE *PXF__select(PXF_IMAGE *image, int index) {
 }
 
 int PXF__select_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_SELECT)) {
+    switch (pxf::ops::check_top<PXF__select_done>(image, PXF_OP_SELECT)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -135,7 +135,7 @@ PXF_IMAGE *PXF__shift(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]) {
 }
 
 int PXF__shift_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_SHIFT)) {
+    switch (pxf::ops::check_top<PXF__shift_done>(image, PXF_OP_SHIFT)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -51,7 +51,7 @@ PXF_IMAGE *PXF__ssfilter(PXF_IMAGE *image, const char *filter, float radius) {
 }
 
 int PXF__ssfilter_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_SSFILTER)) {
+    switch (pxf::ops::check_top<PXF__ssfilter_done>(image, PXF_OP_SSFILTER)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -71,7 +71,7 @@ PXF_IMAGE *PXF__xyz_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested) {
 
 int PXF__xyz_Y_done(PXF_IMAGE *image) {
     using namespace pxf::ops;
-    switch (check_top(image, PXF_OP_XYZ_Y)) {
+    switch (check_top<PXF__xyz_Y_done>(image, PXF_OP_XYZ_Y)) {
         case Top::empty: return 1;
         case Top::other: return 0;
         case Top::mine: break;

@@ -273,28 +273,17 @@ const char *kConvertHelp =
     "  --filter NAME      resampling filter: box, triangle, catmull-rom,\n"
     "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
-    "                     (tiff: none, lzw, deflate, packbits; exr: none, rle,
-"
-    "                     zips, zip, piz, pxr24, b44, b44a, dwaa, dwab;
-"
-    "                     jpeg: baseline, progressive)
-"
-    "  --quality Q        quality of lossy formats, 1 to 100 (jpeg)
-"
-    "  --frames A-B       convert frames A to B of name.####.ext sequences;
-"
-    "                     with OUT a .mpc container, pack them into it
-"
-    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's
-"
-    "                     left and bottom), clipped to the image
-"
-    "  --frame N          take frame N of a multi-frame IN (a .mpc container);
-"
-    "                     a multi-frame IN and an OUT with a frame field
-"
-    "                     unpack every frame (or those of --frames)
-"
+    "                     (tiff: none, lzw, deflate, packbits; exr: none, rle,\n"
+    "                     zips, zip, piz, pxr24, b44, b44a, dwaa, dwab;\n"
+    "                     jpeg: baseline, progressive)\n"
+    "  --quality Q        quality of lossy formats, 1 to 100 (jpeg)\n"
+    "  --frames A-B       convert frames A to B of name.####.ext sequences;\n"
+    "                     with OUT a .mpc container, pack them into it\n"
+    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's\n"
+    "                     left and bottom), clipped to the image\n"
+    "  --frame N          take frame N of a multi-frame IN (a .mpc container);\n"
+    "                     a multi-frame IN and an OUT with a frame field\n"
+    "                     unpack every frame (or those of --frames)\n"
     "  --jobs N           convert up to N frames at once (default 1)\n"
     "  --quiet            no progress bar\n";
 
