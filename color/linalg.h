@@ -3,10 +3,6 @@
 
 namespace pxf::clr {
 
-// Inverts the k x k matrix `m` (k <= 3) by Gauss-Jordan elimination with
-// partial pivoting.  False for a singular matrix; `inverse` is then untouched.
-bool invert(const double *m, double *inverse, int k) noexcept;
-
 // The table that undoes `a` (n rows of 3): for n >= 3, x (3 x n) with
 // x * a = I, so XYZ -> samples -> XYZ is exact; for n < 3, x with a * x = I,
 // so samples -> XYZ -> samples is exact.  False (x zeroed) when `a` has no

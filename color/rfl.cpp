@@ -7,6 +7,7 @@
 
 #include <pxf/clr.h>
 #include <pxf/err.h>
+#include <pxf/mx.h>
 #include <pxf/pxf.h>
 
 #include "color/linalg.h"
@@ -42,7 +43,7 @@ bool derive_rgb_xyz(const double xy[8], float out[9]) {
     if (wy == 0.0) return false;
     double white[3] = {wx / wy, 1.0, (1.0 - wx - wy) / wy};
     double inverse[9];
-    if (!pxf::clr::invert(p, inverse, 3)) return false;
+    if (MXND_invert(p, inverse, 3) != 0) return false;
     for (int i = 0; i < 3; ++i) {
         double intensity = 0.0;
         for (int k = 0; k < 3; ++k) intensity += white[k] * inverse[k * 3 + i];
@@ -253,7 +254,7 @@ int RFL_clip_rgb(const float *in, float *out, double maximum) {
 int RFL_trans_inv(const float *matrix, float *inverse) {
     double m[9], inv[9];
     for (int i = 0; i < 9; ++i) m[i] = matrix[i];
-    if (!pxf::clr::invert(m, inv, 3)) return 0;
+    if (MXND_invert(m, inv, 3) != 0) return 0;
     for (int i = 0; i < 9; ++i) inverse[i] = static_cast<float>(inv[i]);
     return 1;
 }

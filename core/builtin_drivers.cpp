@@ -8,6 +8,7 @@ const PXF_TYPE *const builtin_drivers[] = {
     &pipe_driver_type,
     &mem_driver_type,
     &rla_driver_type,
+    &mpc_driver_type,
 };
 const int builtin_driver_count = sizeof builtin_drivers / sizeof builtin_drivers[0];
 

@@ -5,6 +5,8 @@
 
 #include <nl_types.h>
 
+#include <pxf/str.h>
+
 #include "foundation/alloc.h"
 #include "foundation/report.h"
 
@@ -18,13 +20,7 @@ inline const char *text(int set, int number, const char *fallback) noexcept {
 }
 
 // A heap copy of `s` (null for null); reports 902/94 when memory runs out.
-inline char *dup_string(const char *s) noexcept {
-    if (!s) return nullptr;
-    std::size_t n = std::strlen(s) + 1;
-    char *copy = static_cast<char *>(alloc(n));
-    if (copy) std::memcpy(copy, s, n);
-    return copy;
-}
+inline char *dup_string(const char *s) noexcept { return STR_define(s); }
 
 // Frees *s and nulls it.
 inline void free_string(char *&s) noexcept {

@@ -6,6 +6,7 @@
 
 #include <pxf/err.h>
 #include <pxf/pxf.h>
+#include <pxf/str.h>
 
 #include "core/core_util.h"
 #include "core/defaults.h"
@@ -55,9 +56,7 @@ int copy_channels(void **dst, void **src, int channels, int elements) {
 }  // namespace
 
 void pxf::free_settings(PXF_CAP_SETTING **settings) noexcept {
-    if (!settings) return;
-    for (PXF_CAP_SETTING **s = settings; *s; ++s) heap_free(*s);
-    heap_free(settings);
+    EPTR_free_all(reinterpret_cast<void **>(settings), nullptr);
 }
 
 void PXF_info_init(PXF_INFO *info) {
@@ -316,12 +315,7 @@ PXF_CAP_SETTING *PXF_cap_setting_alloc(int count) {
 }
 
 namespace {
-std::size_t settings_length(PXF_CAP_SETTING **list) {
-    std::size_t n = 0;
-    if (list)
-        while (list[n]) ++n;
-    return n;
-}
+std::size_t settings_length(PXF_CAP_SETTING **list) { return EPTR_length(reinterpret_cast<void *const *>(list)); }
 }  // namespace
 
 PXF_CAP_SETTING **PXF_cap_setting_copy(PXF_CAP_SETTING **settings) {

@@ -67,6 +67,10 @@ PXF_IMAGE *open_locked(PXF_INFO *info, const char *mode) {
         std::fputs("PXF_open: application programming error.\n", stderr);
         std::fputs("The application must call PXF_info_init or PXF_info_alloc\n", stderr);
         std::fputs("on the info structure before passing it to PXF_open.\n", stderr);
+        // Its strings and counts are whatever the memory held: reading them
+        // could crash or run wild, so the warning is also a refusal.
+        pxf__err = pxf::kErrMissingField;
+        return nullptr;
     }
     bool reading = mode && std::strcmp(mode, "r") == 0;
     bool writing = mode && std::strcmp(mode, "w") == 0;
@@ -79,6 +83,7 @@ PXF_IMAGE *open_locked(PXF_INFO *info, const char *mode) {
     PXF_IMAGE *image = nullptr;
     if (reading) {
         if ((image = PXF_multiframe_open(info, mode))) goto opened;
+        if (pxf__err) return nullptr;  // the layer claimed the name and has reported
         if (!(image = new_handle(PXF_MODE_READ))) return out_of_memory(nullptr);
         PXF_INFO &to = image->info;
         if ((info->key && !(to.key = pxf::dup_string(info->key))) ||

@@ -10,8 +10,10 @@
 #include <cstring>
 
 #include <pxf/dst.h>
+#include <pxf/frames.h>
 #include <pxf/plugin.h>
 #include <pxf/rla.h>
+#include <pxf/str.h>
 
 #include "core/core_util.h"
 #include "core/defaults.h"
@@ -28,6 +30,11 @@ namespace {
 std::atomic<bool> initialised{false};
 DST_LL *records = nullptr;        // type records: plug-ins, then built-ins
 PXF_TYPE *remembered = nullptr;   // last record that answered PXF_is_file_type
+// Keys of the drivers marked unavailable (private copies), `off_count` of
+// them in an array of `off_room`.  Changed and read under the open lock, or
+// by the thread that owns the registry, like the list itself.
+char **off_keys = nullptr;
+int off_count = 0, off_room = 0;
 
 enum class Kind { string, string_or_empty, pointer, integer, boolean, function };
 enum class Need { optional, always, when_reads, when_writes };
@@ -266,15 +273,23 @@ bool ends_with(const char *path, const char *ext) noexcept {
     return m <= n && std::memcmp(path + n - m, ext, m) == 0;
 }
 
+bool available(const PXF_TYPE *driver) noexcept {
+    if (!driver) return false;
+    for (int i = 0; i < off_count; ++i)
+        if (same(off_keys[i], driver->key)) return false;
+    return true;
+}
+
 PXF_TYPE *plugin_by_key(const char *key) noexcept {
     for (int i = 0; i < pxf__num_pxf_types_dso; ++i)
-        if (same(pxf__type_list_dso[i].key, key)) return &pxf__type_list_dso[i];
+        if (same(pxf__type_list_dso[i].key, key) && available(&pxf__type_list_dso[i])) return &pxf__type_list_dso[i];
     return nullptr;
 }
 
 PXF_TYPE *plugin_by_extension(const char *ext) noexcept {
     for (int i = 0; i < pxf__num_pxf_types_dso; ++i)
-        if (same(pxf__type_list_dso[i].extension, ext)) return &pxf__type_list_dso[i];
+        if (same(pxf__type_list_dso[i].extension, ext) && available(&pxf__type_list_dso[i]))
+            return &pxf__type_list_dso[i];
     return nullptr;
 }
 
@@ -282,27 +297,27 @@ PXF_TYPE *plugin_by_path(const char *path) noexcept {
     for (int i = 0; i < pxf__num_pxf_types_dso; ++i) {
         const char *ext = pxf__type_list_dso[i].extension;
         // An empty extension would claim every name.
-        if (ext && *ext && ends_with(path, ext)) return &pxf__type_list_dso[i];
+        if (ext && *ext && ends_with(path, ext) && available(&pxf__type_list_dso[i])) return &pxf__type_list_dso[i];
     }
     return nullptr;
 }
 
 const PXF_TYPE *builtin_by_key(const char *key) noexcept {
     for (int i = 0; i < builtin_driver_count; ++i)
-        if (same(builtin_drivers[i]->key, key)) return builtin_drivers[i];
+        if (same(builtin_drivers[i]->key, key) && available(builtin_drivers[i])) return builtin_drivers[i];
     return nullptr;
 }
 
 const PXF_TYPE *builtin_by_extension(const char *ext) noexcept {
     for (int i = 0; i < builtin_driver_count; ++i)
-        if (same(builtin_drivers[i]->extension, ext)) return builtin_drivers[i];
+        if (same(builtin_drivers[i]->extension, ext) && available(builtin_drivers[i])) return builtin_drivers[i];
     return nullptr;
 }
 
 const PXF_TYPE *builtin_by_path(const char *path) noexcept {
     for (int i = 0; i < builtin_driver_count; ++i) {
         const char *ext = builtin_drivers[i]->extension;
-        if (ext && *ext && ends_with(path, ext)) return builtin_drivers[i];
+        if (ext && *ext && ends_with(path, ext) && available(builtin_drivers[i])) return builtin_drivers[i];
     }
     return nullptr;
 }
@@ -368,6 +383,10 @@ void PXF_exit(void) {
     pxf__type_list_dso = nullptr;
     pxf__num_pxf_types_dso = 0;
     remembered = nullptr;
+    for (int i = 0; i < off_count; ++i) free_string(off_keys[i]);
+    heap_free(off_keys);
+    off_keys = nullptr;
+    off_count = off_room = 0;
     if (initialised.exchange(false)) {
         CLR_exit();
         FMT_exit();
@@ -376,15 +395,55 @@ void PXF_exit(void) {
 
 PXF_TYPE *PXF_find(const char *key) {
     if (!ensure_registry("PXF_find") || !key) return nullptr;
-    if (PXF_TYPE *r = find_record([&](const PXF_TYPE &t) { return same(t.key, key); })) return r;
-    return find_record([&](const PXF_TYPE &t) { return same(t.extension, key); });
+    if (PXF_TYPE *r = find_record([&](const PXF_TYPE &t) { return same(t.key, key) && available(&t); })) return r;
+    return find_record([&](const PXF_TYPE &t) { return same(t.extension, key) && available(&t); });
 }
 
 PXF_TYPE *PXF_info(void) {
     if (!ensure_registry("PXF_info")) return nullptr;
     while (auto *r = static_cast<PXF_TYPE *>(DST_ll_nextl(records)))
-        if (!r->builtin) return r;
+        if (!r->builtin && available(r)) return r;
     return nullptr;
+}
+
+int PXF_set_available(const char *key, int on) {
+    if (!ensure_registry("PXF_set_available")) return -1;
+    const PXF_TYPE *r = key ? find_record([&](const PXF_TYPE &t) { return same(t.key, key); }) : nullptr;
+    if (!r && key) r = find_record([&](const PXF_TYPE &t) { return same(t.extension, key); });
+    if (!r || !r->key)
+        return fail(-1, kErrUnknownType, kSetMessages, 902,
+                    "Unknown file type key (\"%s\") was specified; Ensure that the plug-in for this type is defined",
+                    key ? key : "");
+    pthread_mutex_lock(&open_lock);
+    int result = 0;
+    if (on) {
+        for (int i = 0; i < off_count; ++i)
+            if (same(off_keys[i], r->key)) {
+                free_string(off_keys[i]);
+                off_keys[i--] = off_keys[--off_count];
+            }
+    } else if (available(r)) {
+        if (off_count == off_room) {
+            int room = off_room ? 2 * off_room : 4;
+            auto *grown = static_cast<char **>(alloc(std::size_t(room) * sizeof(char *)));
+            if (grown) {
+                for (int i = 0; i < off_count; ++i) grown[i] = off_keys[i];
+                heap_free(off_keys);
+                off_keys = grown;
+                off_room = room;
+            }
+        }
+        char *copy = off_count < off_room ? dup_string(r->key) : nullptr;
+        if (copy) off_keys[off_count++] = copy;
+        else result = -1;
+    }
+    if (remembered && !available(remembered)) remembered = nullptr;
+    pthread_mutex_unlock(&open_lock);
+    if (result) {
+        report_no_memory();
+        pxf__err = kErrNoMemory;
+    }
+    return result;
 }
 
 char *PXF_def_key(void) {
@@ -403,6 +462,7 @@ const char *PXF_get_file_type(const char *path, void *arg, int *decided) {
     const char *key = nullptr;
     pthread_mutex_lock(&open_lock);
     for (PXF_TYPE *r = static_cast<PXF_TYPE *>(DST_ll_first(records)); r; r = r->next) {
+        if (!available(r)) continue;
         if (!r->is_file) {
             sure = 0;
             continue;
@@ -426,7 +486,7 @@ const char *PXF_is_file_type(const char *path, void *arg, const char *key, int *
         return remembered->key;
     if (!records) return nullptr;
     for (PXF_TYPE *r = static_cast<PXF_TYPE *>(DST_ll_first(records)); r; r = r->next) {
-        if (!same(r->key, key)) continue;
+        if (!same(r->key, key) || !available(r)) continue;
         if (!r->is_file) {
             if (decided) *decided = 0;
             continue;
@@ -603,6 +663,10 @@ void PXF_symbols(void) {
                                     reinterpret_cast<void *>(&PXF_mem_r_open),
                                     reinterpret_cast<void *>(&PXF_pipe_w_open),
                                     reinterpret_cast<void *>(&PXF_rla_r_open),
-                                    reinterpret_cast<void *>(&PXF_rla_w_open)};
+                                    reinterpret_cast<void *>(&PXF_rla_w_open),
+                                    reinterpret_cast<void *>(&STR_define),
+                                    reinterpret_cast<void *>(&STR_extension),
+                                    reinterpret_cast<void *>(&STR_tail),
+                                    reinterpret_cast<void *>(&PXF_mpc_r_open)};
     (void)keep;
 }

@@ -25,6 +25,9 @@ const PXF_TYPE *builtin_by_key(const char *key) noexcept;
 const PXF_TYPE *builtin_by_extension(const char *ext) noexcept;
 const PXF_TYPE *builtin_by_path(const char *path) noexcept;
 
+// False for a driver marked unavailable with PXF_set_available.
+bool available(const PXF_TYPE *driver) noexcept;
+
 // Whether `path` ends with `ext`; safe for extensions longer than the path.
 bool ends_with(const char *path, const char *ext) noexcept;
 
@@ -32,6 +35,7 @@ bool ends_with(const char *path, const char *ext) noexcept;
 extern const PXF_TYPE pipe_driver_type;
 extern const PXF_TYPE mem_driver_type;
 extern const PXF_TYPE rla_driver_type;
+extern const PXF_TYPE mpc_driver_type;
 extern const PXF_TYPE *const builtin_drivers[];
 extern const int builtin_driver_count;
 

@@ -7,12 +7,17 @@
 
 #include <pxf/pxf.h>
 #include <pxf/rla.h>
+#include <pxf/wmi.h>
 
 namespace pxf::rla {
 
 inline constexpr std::size_t kHeaderSize = 740;
 inline constexpr std::size_t kTimeOffset = 614;
 inline constexpr std::size_t kNextOffset = 736;
+// The image channels' storage type; a file being written holds kUnfinished
+// there until its last byte is in place (the probe refuses negative types).
+inline constexpr std::size_t kTypeOffset = 18;
+inline constexpr int kUnfinished = -1;
 inline constexpr int kRevision = -2;
 // Scanline blocks carry 16-bit lengths.
 inline constexpr std::size_t kMaxBlock = 65535;
@@ -34,8 +39,12 @@ inline constexpr int kMsgCannotWriteScanline = 57;
 inline constexpr int kMsgCannotDecode = 58;
 inline constexpr int kMsgNotRla = 59;
 inline constexpr int kMsgBadWindow = 60;
+inline constexpr int kMsgBlockLimit = 241;
 inline constexpr int kMsgEndOfFile = 89;
 inline constexpr int kMsgBadOffset = 90;
+inline constexpr int kMsgIncomplete = 97;
+inline constexpr int kMsgFilled = 98;
+inline constexpr int kMsgNotKept = 99;
 
 inline constexpr const char *kDriverName = "rla";
 
@@ -67,21 +76,12 @@ bool plausible(const unsigned char in[kHeaderSize]) noexcept;
 int storage_type(int element_type) noexcept;
 int element_type(int storage) noexcept;
 
-inline void put16(unsigned char *p, int v) noexcept {
-    p[0] = static_cast<unsigned char>((v >> 8) & 0xff);
-    p[1] = static_cast<unsigned char>(v & 0xff);
-}
-inline void put32(unsigned char *p, uint32_t v) noexcept {
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
-}
-inline unsigned get16u(const unsigned char *p) noexcept { return unsigned(p[0]) << 8 | p[1]; }
-inline int get16(const unsigned char *p) noexcept { return static_cast<int16_t>(get16u(p)); }
-inline uint32_t get32(const unsigned char *p) noexcept {
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
+// Header fields and offsets are big-endian.
+inline void put16(unsigned char *p, int v) noexcept { WMI_put_u16(p, static_cast<uint16_t>(v), WMI_BIG_ENDIAN); }
+inline void put32(unsigned char *p, uint32_t v) noexcept { WMI_put_u32(p, v, WMI_BIG_ENDIAN); }
+inline unsigned get16u(const unsigned char *p) noexcept { return WMI_get_u16(p, WMI_BIG_ENDIAN); }
+inline int get16(const unsigned char *p) noexcept { return WMI_get_i16(p, WMI_BIG_ENDIAN); }
+inline uint32_t get32(const unsigned char *p) noexcept { return WMI_get_u32(p, WMI_BIG_ENDIAN); }
 
 // How one channel is stored: its encoder, decoders and element size.
 struct Codec {

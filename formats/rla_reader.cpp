@@ -55,6 +55,20 @@ int not_rla(const char *path) {
                      "%s: This does not appear to be a Quorvalen file", path);
 }
 
+// A header that is sound but for the mark a writer leaves until its file is complete.
+bool unfinished(const unsigned char header[kHeaderSize]) {
+    if (get16(header + kTypeOffset) != kUnfinished) return false;
+    unsigned char copy[kHeaderSize];
+    std::memcpy(copy, header, kHeaderSize);
+    put16(copy + kTypeOffset, kStoreInteger);
+    return plausible(copy);
+}
+
+int incomplete(const char *path) {
+    return pxf::fail(0, pxf::kErrUnknownType, kSetMessages, kMsgIncomplete,
+                     "%s: the file is incomplete (its writing was interrupted)", path);
+}
+
 int cannot_read(const InFile &f, const char *why) {
     return pxf::fail(0, pxf::kErrUnknownType, kSetMessages, kMsgCannotRead, "Cannot read from %s; %s", f.path, why);
 }
@@ -186,7 +200,7 @@ int count_images(InFile &f) {
             if (at == 0 && !errno) return not_rla(f.path);
             return cannot_read(f, why_short());
         }
-        if (!plausible(bytes)) return not_rla(f.path);
+        if (!plausible(bytes)) return unfinished(bytes) ? incomplete(f.path) : not_rla(f.path);
         unpack(bytes, h);
         Shape shape;
         if (!check_image(f, h, at, shape)) return 0;

@@ -1,6 +1,9 @@
 // Writing RLA files: the header and offset table of the first image at open,
 // scanline blocks as they come, the further images' headers and every patch
-// at close.
+// at close.  A named file is written as a temporary file beside it and
+// renamed over it only when complete; until then the first header's storage
+// type holds kUnfinished, which the probe refuses, so a file whose writer
+// was killed is never taken for an image.
 #include <sys/times.h>
 #include <unistd.h>
 
@@ -8,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <pxf/utl.h>
 
 #include "core/core_util.h"
 #include "formats/rla_header.h"
@@ -20,7 +25,9 @@ using pxf::kSetMessages;
 // The output stream, shared by every image of the handle.
 struct OutFile {
     std::FILE *stream;
+    UTL_OUTPUT *output;  // the named file's output; null for standard output
     bool to_stdout;
+    bool failed;  // a write failed: the file can only be abandoned
     char *path;
     uint64_t pos;  // bytes written so far: ftell cannot follow a pipe
     clock_t start;
@@ -47,6 +54,7 @@ struct ImageWriter {
 bool put(OutFile &f, const void *data, std::size_t n) {
     if (std::fwrite(data, 1, n, f.stream) != n) {
         if (!errno) errno = EIO;
+        f.failed = true;
         return false;
     }
     f.pos += n;
@@ -55,9 +63,9 @@ bool put(OutFile &f, const void *data, std::size_t n) {
 
 bool put_at(OutFile &f, uint64_t at, const void *data, std::size_t n) {
     errno = 0;
-    if (fseeko(f.stream, off_t(at), SEEK_SET) != 0) return false;
-    if (std::fwrite(data, 1, n, f.stream) == n) return true;
+    if (fseeko(f.stream, off_t(at), SEEK_SET) == 0 && std::fwrite(data, 1, n, f.stream) == n) return true;
     if (!errno) errno = EIO;
+    f.failed = true;
     return false;
 }
 
@@ -138,9 +146,15 @@ int check_image(PXF_IMAGE_DESC &d) {
         if (group.count > kMaxCoordinate) fault = Fault::type;
         if (fault == Fault::type)
             return pxf::fail(0, pxf::kErrCannotDo, kSetMessages, g.type_number, g.type_text, kDriverName);
-        // A block longer than its 16-bit length could say is a width the file cannot hold.
-        if (fault == Fault::width || RLA_ENCODED_MAX(uint64_t(active_width), uint64_t(codec->bytes)) > kMaxBlock)
+        if (fault == Fault::width)
             return pxf::fail(0, pxf::kErrCannotDo, kSetMessages, g.width_number, g.width_text, kDriverName);
+        // A channel's encoded scanline is one block with a 16-bit length: a
+        // window too wide for that is the limit to name, not the element width.
+        if (RLA_ENCODED_MAX(uint64_t(active_width), uint64_t(codec->bytes)) > kMaxBlock)
+            return pxf::fail(0, pxf::kErrCannotDo, kSetMessages, kMsgBlockLimit,
+                             "%s cannot hold scanlines %d pixels wide of %d-byte elements: an encoded channel "
+                             "may exceed the %d-byte block limit",
+                             kDriverName, active_width, int(codec->bytes), int(kMaxBlock));
         if (codec->bits) group.width = codec->bits;
     }
     return 1;
@@ -195,21 +209,17 @@ void release(ImageWriter *records, int count) {
     }
     OutFile *f = records[0].file;
     if (!f) return;
-    if (f->stream && !f->to_stdout) std::fclose(f->stream);
+    // Still open here means not committed: the temporary file goes.
+    UTL_output_abandon(f->output);
     pxf::heap_free(f->path);
     pxf::heap_free(f);
     for (int i = 0; i < count; ++i) records[i].file = nullptr;
 }
 
-// Undoes a write open that got as far as creating the file.
+// Undoes a write open that got as far as creating the file: only the
+// temporary file is removed, never the name the caller gave.
 int abandon(ImageWriter *records, int count) {
-    OutFile *f = records[0].file;
     int code = pxf__err;
-    if (f && f->stream && !f->to_stdout) {
-        std::fclose(f->stream);
-        f->stream = nullptr;
-        unlink(f->path);
-    }
     release(records, count);
     pxf__err = code;
     return 0;
@@ -236,9 +246,11 @@ int write_scan(void *data, int line, void ***rows, void **) {
             put16(w->out, length);
             ok = put(f, w->out, std::size_t(length) + 2);
         }
-        if (!ok)
+        if (!ok) {
+            f.failed = true;
             return pxf::fail(pxf::kErrFlush, pxf::kErrFlush, kSetMessages, kMsgCannotWriteScanline,
                              "Cannot write scanline %d; %s", line, std::strerror(errno));
+        }
     }
     ++w->next_line;
     pxf__err = 0;
@@ -277,8 +289,45 @@ void finish(OutFile &f, ImageWriter *records, int count) {
         std::snprintf(elapsed, sizeof elapsed, "%02d:%02d:%02d", int(seconds / 3600), int(seconds / 60 % 60),
                       int(seconds % 60));
         if (!put_at(f, kTimeOffset, elapsed, sizeof elapsed)) return (void)cannot_write(f);
+        // Everything else is in the file: now it may say what it holds.
+        if (std::fflush(f.stream) != 0) return (void)(f.failed = true, cannot_write(f));
+        if (!put_at(f, kTypeOffset, first.header + kTypeOffset, 2)) return (void)cannot_write(f);
     }
-    if (std::fflush(f.stream) != 0) return (void)cannot_write(f);
+    if (std::fflush(f.stream) != 0) return (void)(f.failed = true, cannot_write(f));
+}
+
+// The active scanlines not yet written, over every image.
+int missing_lines(const ImageWriter *records, int count) {
+    int missing = 0;
+    for (int i = 0; i < count; ++i) {
+        const ImageWriter &w = records[i];
+        int next = w.next_line > w.active.bottom ? w.next_line : w.active.bottom;
+        if (next <= w.active.top) missing += w.active.top - next + 1;
+    }
+    return missing;
+}
+
+// The caller stopped early: the scanlines it left out are written as zero,
+// so that the file stays whole, and a warning says so.
+void fill_missing(ImageWriter *records, int count, int missing) {
+    OutFile &f = *records[0].file;
+    pxf::warn(kSetMessages, kMsgFilled, "%s: %d scanlines not written, filled with zero", f.path, missing);
+    int widest = 0, channels = 1;
+    for (int i = 0; i < count; ++i) {
+        if (records[i].width > widest) widest = records[i].width;
+        if (records[i].channels > channels) channels = records[i].channels;
+    }
+    pxf::HeapPtr<void> zero(pxf::alloc_zeroed(std::size_t(widest) * 8));
+    pxf::HeapPtr<void *> rows(static_cast<void **>(pxf::alloc(std::size_t(channels) * sizeof(void *))));
+    if (!zero || !rows) {
+        f.failed = true;
+        return;
+    }
+    for (int c = 0; c < channels; ++c) rows.get()[c] = zero.get();
+    void **table = rows.get();
+    for (int i = 0; i < count && !f.failed; ++i)
+        while (records[i].next_line <= records[i].window.top && !f.failed)
+            if (write_scan(&records[i], records[i].next_line, &table, nullptr) != 0) f.failed = true;
 }
 
 int write_close(PXF_IMAGE *image) {
@@ -288,12 +337,24 @@ int write_close(PXF_IMAGE *image) {
         int count = image->info.num_images;
         OutFile *f = records[0].file;
         if (f && f->stream) {
-            finish(*f, records, count);
-            if (!f->to_stdout) {
-                int failed = std::fclose(f->stream);
+            // A file that lost data or misses scanlines is never committed:
+            // the caller's old file (if any) stays as it was.
+            if (f->failed)
+                pxf::report(kSetMessages, kMsgNotKept, "%s: an earlier write failed; the file was not kept", f->path);
+            else if (int missing = missing_lines(records, count))
+                fill_missing(records, count, missing);
+            if (!f->failed) finish(*f, records, count);
+            if (!f->failed && f->output) {
+                UTL_OUTPUT *output = f->output;
+                f->output = nullptr;
                 f->stream = nullptr;
-                if (failed && !pxf__err) cannot_write(*f);
+                errno = 0;
+                if (UTL_output_commit(output) != 0) {
+                    f->failed = true;
+                    cannot_write(*f);
+                }
             }
+            if (f->failed) pxf__err = pxf::kErrFlush;
         }
         int code = pxf__err;
         release(records, count);
@@ -345,12 +406,13 @@ int PXF_rla_w_open(PXF_IMAGE *image) {
     if (!(f->path = pxf::dup_string(path))) return no_memory(records, count);
     if (!f->stream) {
         errno = 0;
-        if (!(f->stream = std::fopen(f->path, "wb"))) {
+        if (!(f->output = UTL_output_open(f->path))) {
             int error = errno;
             release(records, count);
             return pxf::fail(0, pxf::kErrMissingField, kSetMessages, kMsgCannotOpen, "Cannot open file %s; %s", path,
                              std::strerror(error));
         }
+        f->stream = UTL_output_stream(f->output);
         std::setvbuf(f->stream, nullptr, _IOFBF, 1 << 16);
     }
     struct tms unused;
@@ -361,8 +423,11 @@ int PXF_rla_w_open(PXF_IMAGE *image) {
         fill_header(info, info.images[i], records[i].header);
     }
     ImageWriter &first = records[0];
+    unsigned char header[kHeaderSize];
+    std::memcpy(header, first.header, kHeaderSize);
+    if (!f->to_stdout) put16(header + kTypeOffset, kUnfinished);
     errno = 0;
-    if (!put(*f, first.header, kHeaderSize)) return cannot_write(*f), abandon(records, count);
+    if (!put(*f, header, kHeaderSize)) return cannot_write(*f), abandon(records, count);
     first.table_pos = f->pos;
     if (!put(*f, first.table, std::size_t(first.active_height) * 4)) return cannot_write(*f), abandon(records, count);
     pxf__err = 0;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "foundation/report.h"
+#include "foundation/utl_debug.h"
 
 namespace pxf {
 namespace {
@@ -30,20 +31,35 @@ bool inject() noexcept {
 
 }  // namespace
 
-void *heap_alloc(std::size_t size) noexcept {
+void *heap_alloc_at(std::size_t size, const char *file, int line, void *caller) noexcept {
     if (inject()) return nullptr;
+    if (debug::on()) return debug::allocate(size, file, line, caller);
     return std::malloc(size ? size : 1);
 }
 
-void *heap_realloc(void *pointer, std::size_t size) noexcept {
+void *heap_realloc_at(void *pointer, std::size_t size, const char *file, int line, void *caller) noexcept {
     if (inject()) return nullptr;
+    if (debug::ever()) return debug::reallocate(pointer, size, file, line, caller);
     return std::realloc(pointer, size ? size : 1);
 }
 
-void heap_free(void *pointer) noexcept { std::free(pointer); }
+void *heap_alloc(std::size_t size) noexcept {
+    return heap_alloc_at(size, nullptr, 0, __builtin_return_address(0));
+}
+
+void *heap_realloc(void *pointer, std::size_t size) noexcept {
+    return heap_realloc_at(pointer, size, nullptr, 0, __builtin_return_address(0));
+}
+
+void heap_free(void *pointer) noexcept {
+    // Blocks of the debugging allocator go back through it; others, and
+    // every block when it was never switched on, to the C library.
+    if (pointer && debug::ever() && debug::release(pointer, nullptr, 0)) return;
+    std::free(pointer);
+}
 
 void *alloc(std::size_t size) noexcept {
-    void *p = heap_alloc(size);
+    void *p = heap_alloc_at(size, nullptr, 0, __builtin_return_address(0));
     if (!p) report_no_memory();
     return p;
 }

@@ -11,6 +11,9 @@ namespace pxf {
 void *heap_alloc(std::size_t size) noexcept;
 void *heap_realloc(void *pointer, std::size_t size) noexcept;
 void heap_free(void *pointer) noexcept;
+// The same, naming the allocation site for the debugging allocator (file may be null).
+void *heap_alloc_at(std::size_t size, const char *file, int line, void *caller) noexcept;
+void *heap_realloc_at(void *pointer, std::size_t size, const char *file, int line, void *caller) noexcept;
 
 // Reporting allocation: 902/94 "No more internal memory" on failure.
 void *alloc(std::size_t size) noexcept;

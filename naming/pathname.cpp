@@ -1,5 +1,6 @@
 #include <pxf/err.h>
 #include <pxf/pxf.h>
+#include <pxf/str.h>
 
 #include <unistd.h>
 
@@ -234,8 +235,7 @@ int PXF_pathname_build_from_name_syntax(const char *syntax, const char *pathname
     TokenArray parsed;
     if (!PXF_parse_name_syntax(pattern, &parsed.tokens, 0)) return 0;
     if (!nonempty(pathname)) return failure(kErrEmptyPath);
-    const char *slash = std::strrchr(pathname, '/');
-    const char *base = slash ? slash + 1 : pathname;
+    const char *base = STR_tail(pathname);
     char chosen[PXF_PATHNAME_MAX];
     if (!choose_extension(extension, driver, base, chosen)) return failure(kErrTooLong);
     if (!frame || !out) return failure(kErrNoOutput);
@@ -243,7 +243,7 @@ int PXF_pathname_build_from_name_syntax(const char *syntax, const char *pathname
     bool doubled = mode == PXF_PATH_TEMPLATE;
 
     Output path(out, doubled);
-    if (slash) path.text(pathname, static_cast<std::size_t>(slash - pathname) + 1);
+    if (base != pathname) path.text(pathname, static_cast<std::size_t>(base - pathname));
     Output name_part(name_out, false);
     Output *names = name_out ? &name_part : nullptr;
 
@@ -388,8 +388,7 @@ int PXF_pathname_build_no_name_syntax(const char *pathname, const char *key, int
     std::size_t stem = length;
     if (ext_length && length > ext_length && strcasecmp(pathname + length - ext_length, ext) == 0)
         stem -= ext_length;
-    const char *slash = std::strrchr(pathname, '/');
-    std::size_t base_start = slash ? static_cast<std::size_t>(slash - pathname) + 1 : 0;
+    std::size_t base_start = static_cast<std::size_t>(STR_tail(pathname) - pathname);
     std::size_t digits_start = stem;
     while (digits_start > base_start && std::isdigit(static_cast<unsigned char>(pathname[digits_start - 1])))
         --digits_start;

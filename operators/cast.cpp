@@ -205,7 +205,7 @@ PXF_IMAGE *PXF__cast(PXF_IMAGE *image) {
 }
 
 int PXF__cast_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_CAST)) {
+    switch (pxf::ops::check_top<PXF__cast_done>(image, PXF_OP_CAST)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

@@ -39,9 +39,10 @@ const char *operator_name(int tag) noexcept {
     return nullptr;
 }
 
-Top check_top(const PXF_IMAGE *image, int tag) noexcept {
+Top check_top(const PXF_IMAGE *image, int tag, PXF_CLOSE_FN hook) noexcept {
     auto *top = static_cast<const PXF_OPERATOR *>(top_record(image));
     if (!top) return Top::empty;
+    if (image->close != hook) return Top::other;
     return top->tag == tag ? Top::mine : Top::other;
 }
 

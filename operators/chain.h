@@ -21,10 +21,13 @@ inline void *top_record(const PXF_IMAGE *image) noexcept {
 // Where a remove function stands.
 enum class Top {
     empty,  // no private data: nothing to remove
-    mine,   // the top record carries the operator's tag
-    other,  // another operator's record is on top: leave the chain alone
+    mine,   // the top record is the operator's
+    other,  // another operator's record, or the driver's, is on top: leave the chain alone
 };
-Top check_top(const PXF_IMAGE *image, int tag) noexcept;
+// The record on top is only read once the handle's close slot shows that
+// the operator put it there (`hook`): a driver's record, or any record not
+// allocated as an operator's, may be shorter than an operator header.
+Top check_top(const PXF_IMAGE *image, int tag, PXF_CLOSE_FN hook) noexcept;
 
 // Pushes `record` on the chain: saves the image's scan, close and private
 // data in its header and puts the operator's in their place.  A null `scan`
@@ -40,6 +43,15 @@ int missing_record() noexcept;
 
 // Close hook of an operator: removes the operator, then closes what is
 // below it (the next stage's hook or, at the bottom, the driver).
+template <int (*Remove)(PXF_IMAGE *)>
+int close_hook(PXF_IMAGE *image);
+
+// check_top for the operator whose remove function is Remove.
+template <int (*Remove)(PXF_IMAGE *)>
+Top check_top(const PXF_IMAGE *image, int tag) noexcept {
+    return check_top(image, tag, &close_hook<Remove>);
+}
+
 template <int (*Remove)(PXF_IMAGE *)>
 int close_hook(PXF_IMAGE *image) {
     PXF_CLOSE_FN self = &close_hook<Remove>;

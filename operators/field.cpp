@@ -209,7 +209,9 @@ PXF_IMAGE *PXF__field_init(PXF_IMAGE *image) {
 }
 
 int PXF__field_done(PXF_IMAGE *frame) {
-    auto *record = static_cast<Field *>(pxf::ops::top_record(frame));
+    // Only a frame this operator built has field records: anything else's
+    // private data is not read at all.
+    auto *record = frame && frame->close == field_close ? static_cast<Field *>(pxf::ops::top_record(frame)) : nullptr;
     if (!record || record->tag != PXF_OP_FIELD) {
         pxf__err = pxf::kErrCannotDo;
         return pxf__err;

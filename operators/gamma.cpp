@@ -98,7 +98,10 @@ PXF_IMAGE *PXF__gamma(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested) {
         pxf::fail(0, pxf::kErrCannotDo, pxf::kSetMessages, 61, "%s cannot store multiple images", name);
         refused = true;
     }
-    if (d && d->chan.type == PXF_C_INTEGER && d->chan.width >= 9)
+    // The width check runs even when the count refused the image: it looks
+    // at the description the handle holds, whatever the count says.
+    const PXF_IMAGE_DESC *held = image->info.images;
+    if (held && held->chan.type == PXF_C_INTEGER && held->chan.width >= 9)
         return pxf::fail(image, pxf::kErrCannotDo, pxf::kSetMessages, 73, "%s cannot handle image channel width", name);
     // The tables work on bytes: float channels would be rewritten byte by byte.
     if (d && d->chan.type != PXF_C_INTEGER)
@@ -143,7 +146,7 @@ PXF_IMAGE *PXF__gamma(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested) {
 }
 
 int PXF__gamma_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_GAMMA)) {
+    switch (pxf::ops::check_top<PXF__gamma_done>(image, PXF_OP_GAMMA)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;

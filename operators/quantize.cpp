@@ -24,6 +24,7 @@ struct Quantize {
     std::size_t row_bytes[3];  // of groups passed through
     GroupFn fn[3];
     void **buffer;
+    void **below;  // rows offered to the stage below, in its layout
 };
 
 constexpr PXF_CHAN_GROUP PXF_IMAGE_DESC::*kGroups[3] = {&PXF_IMAGE_DESC::chan, &PXF_IMAGE_DESC::matte,
@@ -68,9 +69,10 @@ GroupFn choose(const PXF_CHAN_GROUP &g, const PXF_CHAN_TYPE &want) {
 int quantize_scan(void *data, int line, void ***rows, void **table) {
     auto *q = static_cast<Quantize *>(data);
     if (!q || !q->head.saved_scan) return pxf::ops::missing_record();
-    int status = q->head.saved_scan(q->head.saved_private, line, rows, table);
+    // The caller's rows are in the narrower layout: the stage below fills its own.
+    void **in = q->below, **out = q->buffer;
+    int status = q->head.saved_scan(q->head.saved_private, line, &in, table);
     if (status < 0) return status;
-    void **in = *rows, **out = q->buffer;
     int at = 0;
     for (int g = 0; g < 3; ++g) {
         if (q->counts[g] > 0) q->fn[g](*q, g, out + at, in + at);
@@ -96,6 +98,10 @@ PXF_IMAGE *PXF__quantize(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]) {
 
     auto *q = static_cast<Quantize *>(pxf::alloc_zeroed(sizeof(Quantize)));
     if (!q) return image;
+    if (!(q->below = pxf__chan_alloc(d, pxf::ops::row_width(*d), pxf::ops::operator_name(PXF_OP_QUANTIZE)))) {
+        pxf::heap_free(q);
+        return image;
+    }
     q->area = pxf::ops::active_area(*d);
     q->width = pxf::ops::row_width(*d);
     for (int g = 0; g < 3; ++g) {
@@ -114,6 +120,7 @@ PXF_IMAGE *PXF__quantize(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]) {
     }
     if (!(q->buffer = pxf__chan_alloc(d, q->width, pxf::ops::operator_name(PXF_OP_QUANTIZE)))) {
         for (int g = 0; g < 3; ++g) (d->*kGroups[g]).type = q->saved[g].type, (d->*kGroups[g]).width = q->saved[g].bits;
+        pxf__chan_free(q->below);
         pxf::heap_free(q);
         return image;
     }
@@ -122,7 +129,7 @@ PXF_IMAGE *PXF__quantize(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]) {
 }
 
 int PXF__quantize_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top(image, PXF_OP_QUANTIZE)) {
+    switch (pxf::ops::check_top<PXF__quantize_done>(image, PXF_OP_QUANTIZE)) {
         case pxf::ops::Top::empty: return 1;
         case pxf::ops::Top::other: return 0;
         case pxf::ops::Top::mine: break;
@@ -132,6 +139,7 @@ int PXF__quantize_done(PXF_IMAGE *image) {
         for (int g = 0; g < 3; ++g) (d->*kGroups[g]).type = q->saved[g].type, (d->*kGroups[g]).width = q->saved[g].bits;
     pxf::ops::pop(image, &q->head);
     pxf__chan_free(q->buffer);
+    pxf__chan_free(q->below);
     pxf::heap_free(q);
     return 1;
 }

@@ -1,6 +1,8 @@
 // Machine-independent byte order: resource files are big-endian.
 #include <pxf/rsc.h>
 
+#include <pxf/wmi.h>
+
 #include <cstring>
 
 namespace {
@@ -15,17 +17,13 @@ unsigned char *rsc__mio(const void *value, int mode) {
     case 1: {
         uint16_t v;
         std::memcpy(&v, value, sizeof v);
-        out_buffer[0] = static_cast<unsigned char>(v >> 8);
-        out_buffer[1] = static_cast<unsigned char>(v);
+        WMI_put_u16(out_buffer, v, WMI_BIG_ENDIAN);
         return out_buffer;
     }
     case 2: {
         uint32_t v;
         std::memcpy(&v, value, sizeof v);
-        out_buffer[0] = static_cast<unsigned char>(v >> 24);
-        out_buffer[1] = static_cast<unsigned char>(v >> 16);
-        out_buffer[2] = static_cast<unsigned char>(v >> 8);
-        out_buffer[3] = static_cast<unsigned char>(v);
+        WMI_put_u32(out_buffer, v, WMI_BIG_ENDIAN);
         return out_buffer;
     }
     case 3:
@@ -41,12 +39,12 @@ int rsc__mii(void *destination, const void *source, int mode) {
     const auto *s = static_cast<const unsigned char *>(source);
     switch (mode) {
     case 1: {
-        auto v = static_cast<uint16_t>((s[0] << 8) | s[1]);
+        uint16_t v = WMI_get_u16(s, WMI_BIG_ENDIAN);
         std::memcpy(destination, &v, sizeof v);
         return 1;
     }
     case 2: {
-        uint32_t v = (uint32_t{s[0]} << 24) | (uint32_t{s[1]} << 16) | (uint32_t{s[2]} << 8) | s[3];
+        uint32_t v = WMI_get_u32(s, WMI_BIG_ENDIAN);
         std::memcpy(destination, &v, sizeof v);
         return 1;
     }

@@ -30,10 +30,6 @@ int file_error(int number, const char *text, Args... args) noexcept {
     return fail(0, RSC_ERR_FILE, kSetMessages, number, text, args...);
 }
 
-uint32_t get32(const unsigned char *b) noexcept {
-    return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-}
-
 // Reads the tables through the stream; every offset is checked against the
 // file's size before it is read.
 class Reader {
@@ -44,7 +40,7 @@ public:
     bool slot(uint32_t *value) noexcept {
         unsigned char b[kSlot];
         if (!bytes(b, sizeof b)) return false;
-        *value = get32(b);  // the slot's second half is ignored
+        *value = WMI_get_u32(b, WMI_BIG_ENDIAN);  // the slot's second half is ignored
         return true;
     }
 
@@ -63,13 +59,14 @@ public:
         if (ok_ && n && std::fwrite(data, 1, n, stream_) != n) failed();
     }
     void u16(uint32_t v) noexcept {
-        unsigned char b[2] = {static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+        unsigned char b[2];
+        WMI_put_u16(b, static_cast<uint16_t>(v), WMI_BIG_ENDIAN);
         bytes(b, sizeof b);
     }
     // 32 bits in the first half; the second half is always zero.
     void slot(uint32_t v) noexcept {
-        unsigned char b[kSlot] = {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
-                                  static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+        unsigned char b[kSlot] = {};
+        WMI_put_u32(b, v, WMI_BIG_ENDIAN);
         bytes(b, sizeof b);
     }
     void finish(uint64_t length) noexcept {
@@ -171,10 +168,10 @@ bool read_tables(File *f, uint64_t size) noexcept {
         auto *t = static_cast<Type *>(region_alloc(f, sizeof(Type)));
         if (!t) return false;
         *t = Type{};
-        t->code = get32(entry);
+        t->code = WMI_get_u32(entry, WMI_BIG_ENDIAN);
         text_of(t->code, t->text);
-        t->count = get32(entry + kSlot);
-        t->table_offset = get32(entry + 2 * kSlot);
+        t->count = WMI_get_u32(entry + kSlot, WMI_BIG_ENDIAN);
+        t->table_offset = WMI_get_u32(entry + 2 * kSlot, WMI_BIG_ENDIAN);
         codes.get()[i] = t->code;
         DST_ll_addt(&f->types, t);
     }
@@ -206,7 +203,7 @@ bool read_tables(File *f, uint64_t size) noexcept {
             unsigned char length_bytes[2];
             if (!in.bytes(length_bytes, sizeof length_bytes))
                 return file_error(kMsgReadFailed, "Cannot read resource file %s", location);
-            uint32_t length = (uint32_t{length_bytes[0]} << 8) | length_bytes[1];
+            uint32_t length = WMI_get_u16(length_bytes, WMI_BIG_ENDIAN);
             if (at + kMinResourceEntrySize + length > size)
                 return file_error(kMsgNamePastEnd,
                                   "Resource file %s: the name of resource %ld of type %s runs past the end of the file",

@@ -3,6 +3,7 @@
 
 #include <pxf/dst.h>
 #include <pxf/rsc.h>
+#include <pxf/wmi.h>
 
 #include <cstdint>
 #include <cstdio>

@@ -19,12 +19,11 @@ uint32_t Type::live() const {
 }
 
 uint32_t code_of(const char text[4]) noexcept {
-    const auto *b = reinterpret_cast<const unsigned char *>(text);
-    return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+    return WMI_get_u32(reinterpret_cast<const unsigned char *>(text), WMI_BIG_ENDIAN);
 }
 
 void text_of(uint32_t code, char text[5]) noexcept {
-    for (int i = 0; i < 4; ++i) text[i] = static_cast<char>(code >> (24 - 8 * i));
+    WMI_put_u32(reinterpret_cast<unsigned char *>(text), code, WMI_BIG_ENDIAN);
     text[4] = '\0';
 }
 

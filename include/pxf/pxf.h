@@ -368,6 +368,15 @@ PXF_API int PXF_direct_scan_write(PXF_IMAGE *image, int line, void *buffer, int6
                                   float value);
 /* -1 is the start of the image; *image may be replaced (or nulled). */
 PXF_API int PXF_seek(PXF_IMAGE **image, int line);
+/* Closing an image opened for writing finishes its file.  The rla driver and
+ * the shipped png and tiff plug-ins write a named file under a temporary
+ * name in the same directory and rename it over the name here, so an old
+ * file of that name is replaced only by a complete one.  Scanlines the
+ * caller left out are written as zero, with a warning.  When a scanline
+ * write or the closing writes failed (disk full, I/O error), the file is
+ * not kept, the old one stays as it was, and PXF_close returns -20 with
+ * pxf__err -20; a failed scanline write returns -20 too.  Terminals, pipes
+ * and devices (such as /dev/stdout) are written in place and never removed. */
 PXF_API int PXF_close(PXF_IMAGE *image);
 PXF_API int PXF_close_do_it(PXF_IMAGE *image);
 
@@ -441,6 +450,19 @@ PXF_API int PXF_hasWriteSupport(const char *key);
 PXF_API int PXF_hasReadSupport(const char *key);
 PXF_API const char *PXF_name_from_key(const char *key);
 PXF_API int PXF_capabilities_available(PXF_TYPE *record);
+/*
+ * Marks the registered driver named by `key` (its key, else its extension,
+ * as PXF_find looks them up) available (non-zero) or not (0).  A driver
+ * that is not available is passed over by PXF_open (a request naming it
+ * fails as an unknown type; names and probes fall through to the others)
+ * and by PXF_find, PXF_info, PXF_get_file_type, PXF_is_file_type and the
+ * functions built on PXF_find; the plug-in table and its listing functions
+ * (PXF_getFormatKeys and the like) still show every loaded plug-in.  Every
+ * driver is available after PXF_init; PXF_exit forgets the marks.  Returns
+ * 0, or -1 for an unknown key (reported, pxf__err -4) or when memory runs
+ * out (pxf__err -10).
+ */
+PXF_API int PXF_set_available(const char *key, int available);
 PXF_API int PXF_private_ui_popup(const char *key, void *arg);
 PXF_API int PXF_private_ui_popdown(const char *key, void *arg);
 PXF_API void PXF_symbols(void);
@@ -580,6 +602,192 @@ PXF_API int PXF__raster_done(PXF_IMAGE *image);
 /* A stage that does nothing: returns `image`; its remove returns 1. */
 PXF_API PXF_IMAGE *PXF__debug(PXF_IMAGE *image);
 PXF_API int PXF__debug_done(PXF_IMAGE *image);
+
+/* Colour transforms (reading, 8-bit integer image channels, in place over
+ * the active span).  Each stored value is linearised through a table built
+ * from the image's curve (its gamma, or a copy of its tables, giving values
+ * of log2 R bits for the gamma-table resolution R), multiplied by a
+ * fixed-point matrix and re-encoded through a table for `requested` (an
+ * analytic curve of gamma g encodes as light^(1/g); a table curve needs
+ * 2^(input bits) 8-bit entries per channel; null encodes with the image's
+ * own gamma).  Values at or above the top of the linear range give 255,
+ * negative ones 0.  Precision is at most 14 bits: a deeper table is used
+ * with its low bits dropped (message 83, a warning).
+ *
+ * The matrices come from the colour setup of rfl.h: a stage that needs a
+ * setup and finds none makes one for the image's channel count and
+ * primaries (RFL_init) and ends it (RFL_done) when it is removed.
+ * rgb_rgb converts to the primaries of the current setup (call RFL_init
+ * with the target's primaries first; without a setup nothing is installed)
+ * and writes them into the info; xyz_rgb and samp_rgb deliver RGB of the
+ * setup's primaries and write them into the info too.  The luminance
+ * stages deliver one channel (the info's image channel count becomes 1;
+ * matte and auxiliary rows follow it); samp_rgb takes N sample channels
+ * and delivers 3.  Images without exactly the channels a stage takes are
+ * returned unchanged and silently; wider or non-integer channels are
+ * refused with messages 72/73.  xyz_Y installs PXF__gamma with `requested`
+ * first and hands on the Y row; its remove takes the gamma stage off too. */
+PXF_API PXF_IMAGE *PXF__rgb_rgb_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__rgb_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__xyz_rgb_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__xyz_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__samp_rgb_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__samp_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__rgb_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__rgb_Y_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__xyz_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__xyz_Y_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__samp_Y_init(PXF_IMAGE *image, PXF_RESPONSE_CURVE *requested);
+PXF_API int PXF__samp_Y_done(PXF_IMAGE *image);
+
+/* Spectral samples written as RGB or XYZ (writing).  The file holds three
+ * float colour channels; afterwards the caller writes `samples` float
+ * channels per pixel (the info's image channel count says so) and each
+ * pixel's channels go down as out = samples x M, M being `samples` rows of
+ * 3: RFL_samp_xyz_mat for XYZ, RFL_samp_rgb_mat times the matrix from the
+ * setup's RGB to the file's primaries for RGB.  With 3 or more samples the
+ * results replace the caller's first three rows; with fewer they go down in
+ * rows of the stage's own.  Installed only when the handle's info has
+ * open_flag 0 (float data outside the 0..1 model; set it on the handle
+ * after opening) and the file's channel format is not "sampled". */
+PXF_API PXF_IMAGE *PXF__samp_to_rgb(PXF_IMAGE *image, int samples);
+PXF_API int PXF__samp_to_rgb_done(PXF_IMAGE *image);
+PXF_API PXF_IMAGE *PXF__samp_to_xyz(PXF_IMAGE *image, int samples);
+PXF_API int PXF__samp_to_xyz_done(PXF_IMAGE *image);
+
+/* Display requests. */
+#define PXF_DISPLAY_RED 1
+#define PXF_DISPLAY_GREEN 2
+#define PXF_DISPLAY_BLUE 4
+#define PXF_DISPLAY_MATTE 8
+#define PXF_DISPLAY_LUMINANCE 16 /* luminance instead of colour */
+#define PXF_DISPLAY_AUX 32
+
+/* Builds the chain that turns the image into 8-bit data for viewing
+ * (reading): colour clip, normalize (the auxiliary channel over 1 to 10000),
+ * quantize and shift to 8 bits, then, by the image's channel format ("rgb",
+ * "xyz", "sampled" or "raw"), a luminance stage or a colour stage towards
+ * `target` (8 floats: red, green, blue and white x, y; null keeps the
+ * image's primaries) encoded for `curve`.  An image description whose
+ * image_kind is 8 or 16 is taken as already laid out for such a display and
+ * gets no colour stage.  Messages 49 (unknown channel format), 69 and 78
+ * (more than one auxiliary or matte channel), 81 and 82 (none).  Returns the
+ * image, or null when a member stage returns null.  PXF__display_done takes
+ * the whole chain off. */
+PXF_API PXF_IMAGE *PXF__display(PXF_IMAGE *image, int request, const float *target, PXF_RESPONSE_CURVE *curve);
+PXF_API int PXF__display_done(PXF_IMAGE *image);
+
+/* One image (0-based `index`) of a handle holding several (a file with
+ * chained images) made to look like a single-image handle; handles with one
+ * image are returned unchanged; an index out of range sets pxf__err to -16. */
+PXF_API PXF_IMAGE *PXF__select(PXF_IMAGE *image, int index);
+PXF_API int PXF__select_done(PXF_IMAGE *image);
+
+/* Float colour pulled inside the matte (first matte channel): a pixel whose
+ * channels all lie within [0, matte] is kept; otherwise it moves towards
+ * its mean (black when the mean is not above 0, the matte when the mean is
+ * above it) just far enough to fit.  Float or double image and matte
+ * channels of the same type; reading or writing (the caller's rows are
+ * clipped in place). */
+PXF_API PXF_IMAGE *PXF__color_clip(PXF_IMAGE *image);
+PXF_API int PXF__color_clip_done(PXF_IMAGE *image);
+
+/* Float groups mapped from [low, high] onto [0, 1], clipped at both ends, in
+ * place.  Each range is 2 floats or null (group left alone); a range for a
+ * group that is not float, or that is empty, installs nothing.  Requires
+ * the info's open_flag to be 1. */
+PXF_API PXF_IMAGE *PXF__normalize(PXF_IMAGE *image, const float *image_range, const float *matte_range,
+                                  const float *aux_range);
+PXF_API int PXF__normalize_done(PXF_IMAGE *image);
+
+/* Integer groups converted to another bit depth (reading): request[0]
+ * image, [1] matte, [2] auxiliary, each PXF_C_INTEGER with 1 to 32 bits or
+ * type 0 (left as it is).  Narrowing keeps the top bits (65535 -> 255);
+ * widening repeats the bits (255 -> 65535). */
+PXF_API PXF_IMAGE *PXF__shift(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]);
+PXF_API int PXF__shift_done(PXF_IMAGE *image);
+
+/* Every channel mapped linearly from its range [min, max] onto [0, 1], as
+ * 32-bit floats (reading; integer values are taken as their codes).
+ * `ranges` gives 2 floats (min, max) per channel, image channels first, then
+ * matte, then auxiliary; values outside are clipped.  With null ranges the
+ * stage reads the whole image once while it is installed, keeps it, and
+ * uses each channel's observed minimum and maximum (a read failure installs
+ * nothing).  A channel with min equal to max reads as 0. */
+PXF_API PXF_IMAGE *PXF__minmax_init(PXF_IMAGE *image, const float *ranges);
+PXF_API int PXF__minmax_done(PXF_IMAGE *image);
+/* The range in use for `channel` while the min-max stage is on top: 1, or 0
+ * (outputs untouched) when it is not or the channel does not exist. */
+PXF_API int PXF__minmax_range(PXF_IMAGE *image, int channel, float *min, float *max);
+/* Resampling (reading).  Filters are named: "box", "triangle",
+ * "catmull-rom", "mitchell" (the default, for a null name), "lanczos3",
+ * "gaussian"; rows beyond the image repeat its edge pixels.  Colour is
+ * filtered premultiplied by the first matte channel when there is one (so
+ * that a pixel of matte 0 lends no colour to its neighbours) and delivered
+ * divided by the filtered matte again.  Groups keep their element types:
+ * integers are rounded and clamped to their range, floats are not clamped.
+ * Arithmetic is single precision (32-bit integers keep 24 significant bits).
+ * Messages (set 902): 230 "%s: unknown filter %s (known: %s)",
+ * 231 "%s: bad size %d x %d (each side 1 to %d pixels)",
+ * 232 "%s: bad radius %g (above 0, at most %g)"; pxf__err -16.
+ *
+ * PXF__scale_init delivers the image at width x height (1 to 1000000 each;
+ * x and y independent), scanline by scanline in any order, from a ring of
+ * the few source rows each output row needs.  When minifying, the filter is
+ * widened by the reduction so that the result does not alias.  The window
+ * keeps its origin, the active window is mapped to the new size and the
+ * display aspect follows the new proportions (pixels keep their shape).
+ * Returns the image, unchanged when the size is the same, on bad arguments
+ * (reported) and when memory runs out. */
+PXF_API PXF_IMAGE *PXF__scale_init(PXF_IMAGE *image, int width, int height, const char *filter);
+PXF_API int PXF__scale_done(PXF_IMAGE *image);
+
+/* A symmetric blur: the named filter stretched so that its support reaches
+ * `radius` pixels (above 0, at most 1000) along x and y; the size stays. */
+PXF_API PXF_IMAGE *PXF__ssfilter(PXF_IMAGE *image, const char *filter, float radius);
+PXF_API int PXF__ssfilter_done(PXF_IMAGE *image);
+
+/* Mipmap textures.  Level n of a width x height image is max(1, width >> n)
+ * x max(1, height >> n), each level filtered from the one above it; the
+ * chain of levels ends at 1 x 1. */
+#define PXF_TEXTURE_COLOUR 0 /* every group as it is */
+#define PXF_TEXTURE_SCALAR 1 /* the first image channel alone, format "scalar" */
+#define PXF_TEXTURE_BUMP 2   /* the first image channel as a height; see below */
+
+typedef struct PXF_MIPMAP_REQUEST {
+    int32_t level;           /* 0: the image itself, n: n halvings */
+    int32_t kind;            /* PXF_TEXTURE_COLOUR, _SCALAR or _BUMP */
+    const char *filter;      /* a filter name, null for the default */
+    PXF_CHAN_TYPE output[3]; /* image, matte, aux: float groups become these
+                                integers (clamped to 0..1 first); type 0
+                                leaves a group as it is */
+    int32_t random_access;   /* non-zero: the image can already be read in any
+                                order (a memory image), so no raster copy */
+} PXF_MIPMAP_REQUEST;
+
+/* Number of levels from width x height down to 1 x 1 (1 + log2 of the
+ * longer side, rounded down); 0 for an empty size. */
+PXF_API int PXF_mipmap_levels(int width, int height);
+
+/* Delivers one level of a texture made from the image (reading).  Stacks a
+ * raster copy of the image (unless random_access), one halving scale stage
+ * per level, the stage of the texture kind and, for integer output of float
+ * data, the quantize operator.  Bump textures deliver three float channels
+ * (format "bump"): the height (the first image channel, integers normalised
+ * to 0..1), then its slopes dh/du and dh/dv, where u runs from 0 to 1 across
+ * the level's width (left to right) and v from 0 to 1 across its height
+ * (from the window's bottom scanline up); slopes are central differences,
+ * one-sided at the edges, so a height ramp gives the same slope at every
+ * level.  The halving stages filter every channel of the image (colour
+ * weighted by the matte) before the kind's channels are taken; the image
+ * processes instead filter a scalar or height channel alone.  Returns the
+ * image, unchanged on bad requests (reported: an
+ * unknown filter or kind, a level beyond the 1 x 1 one, 902/231 and
+ * 902/233 "%s: bad texture request (%s)") and when memory runs out.
+ * PXF__mipmap_done removes every stage PXF__mipmap stacked; 0 when another
+ * operator is on top of them. */
+PXF_API PXF_IMAGE *PXF__mipmap(PXF_IMAGE *image, const PXF_MIPMAP_REQUEST *request);
+PXF_API int PXF__mipmap_done(PXF_IMAGE *image);
 /* ---- File names with frame numbers ---------------------------------- */
 
 /* Token kinds of a parsed name syntax. */

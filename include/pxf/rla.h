@@ -98,11 +98,27 @@ PXF_API int rla__inact_dec_double(void *dest, int count);
  *    59  "%s: This does not appear to be a Quorvalen file"  pxf__err -4
  *    89  "unexpected end of file"   (reason text for 54 and 55)
  *    90  "offset out of range"      (reason text for 55)
+ *    97  "%s: the file is incomplete (its writing was interrupted)"  pxf__err -4
  * Writer messages: 52, 53, 56 "Cannot write to %s; %s", 57 "Cannot write
  * scanline %d; %s", 70-80, 88, 94, and
  *    60  "%s cannot handle the image window"                pxf__err -16
  * for windows the header cannot hold (coordinates outside 0..32767, inverted,
- * or an active window reaching outside the window).
+ * or an active window reaching outside the window), and
+ *   241  "%s cannot hold scanlines %d pixels wide of %d-byte elements: an
+ *        encoded channel may exceed the %d-byte block limit"  pxf__err -16
+ * when one channel's encoded scanline could be longer than a block's 16-bit
+ * length can say.
+ *    98  "%s: %d scanlines not written, filled with zero"   (warning, at close)
+ *    99  "%s: an earlier write failed; the file was not kept"  (at close,
+ *        which then returns -20)
+ *
+ * A named file is written as a temporary file in the same directory and
+ * renamed over the name at close, once every scanline and the offset tables
+ * are in place; a failed open, scanline write or close leaves any old file
+ * of that name untouched.  Until then the first
+ * header's storage type (offset 18) holds -1, so the probe refuses a file
+ * whose writer was killed and the reader reports it with number 97.
+ * Terminals, pipes and devices are written in place and never removed.
  */
 struct PXF_IMAGE;
 PXF_API int PXF_rla_is_file(const char *path, void *stream);

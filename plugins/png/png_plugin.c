@@ -14,9 +14,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
+#include <pxf/utl.h>
 
 const char *version = PXF_PLUGIN_PROTOCOL;
 const char *imageKey = "png";
@@ -34,10 +36,12 @@ int imageBitsPerZChannel = 0;
 
 typedef struct {
     FILE *file;
+    UTL_OUTPUT *output; /* when writing: renamed over the name only when complete */
     char *path;
     png_structp png;
     png_infop info;
     int writing;
+    int failed;       /* a write failed: the file is abandoned at close */
     int width, height;
     int colours;      /* 1 or 3 */
     int alpha;        /* 0 or 1 */
@@ -47,6 +51,8 @@ typedef struct {
     int next_row;     /* file row (0 = top) of the next scanline */
     png_bytep row;    /* one interleaved row */
     png_bytep pixels; /* the whole image, for interlaced files */
+    size_t file_bytes; /* size of the file being read */
+    int refused;       /* a size check ended the read: its message stands */
     char message[200];
 } png_file;
 
@@ -57,13 +63,28 @@ static void png_failed(png_structp png, png_const_charp text) {
 }
 
 static void png_warned(png_structp png, png_const_charp text) {
-    (void)png;
-    (void)text; /* benign chunk complaints are not worth a report */
+    /* Benign chunk complaints are not worth a report, but libpng only warns
+     * about a chunk longer than the chunk limit (limit_chunks) and then
+     * allocates it all the same: that one ends the read. */
+    if (strstr(text, "chunk data is too large")) {
+        png_file *p = (png_file *)png_get_error_ptr(png);
+        snprintf(p->message, sizeof p->message, "%.60s for this file (damaged chunk length?)", text);
+        p->refused = 1;
+        png_longjmp(png, 1);
+    }
 }
 
 static int report(const png_file *p, const char *path, const char *what) {
     ERR_printf(ERR_ERROR, "%s: %s", path ? path : p->path, what);
     return 0;
+}
+
+/* A row that could not be written: the file cannot be completed. */
+static int write_failed(png_file *p) {
+    p->failed = 1;
+    report(p, NULL, p->message[0] ? p->message : "write failed");
+    pxf__err = PXF_E_FLUSH;
+    return PXF_E_FLUSH;
 }
 
 static int scan_failed(png_file *p) {
@@ -91,7 +112,11 @@ static void release(png_file *p) {
         else
             png_destroy_read_struct(&p->png, &p->info, NULL);
     }
-    if (p->file) fclose(p->file);
+    if (p->output)
+        UTL_output_abandon(p->output); /* never committed: the temporary file goes */
+    else if (p->file)
+        fclose(p->file);
+    p->output = NULL;
     free(p->row);
     free(p->pixels);
     free(p->path);
@@ -151,6 +176,32 @@ static void take_text(char **field, const char *text) {
     *field = copy;
 }
 
+/* What a file of `file_bytes` bytes can justify allocating.  No stored
+ * chunk is longer than the file that holds it; compressed text and profiles
+ * may inflate, so small files keep 64 KiB for them, and nothing buffered
+ * whole exceeds 64 MiB.  Pixels are streamed, but deflate inflates by at
+ * most 1032:1, so an image larger than that many times its file cannot be
+ * real and is refused before its rows are allocated. */
+#define CHUNK_FLOOR ((size_t)64 << 10)
+#define CHUNK_CEILING ((size_t)64 << 20)
+#define DEFLATE_RATIO 1032
+
+static void limit_chunks(png_file *p) {
+    size_t most = !p->file_bytes ? CHUNK_CEILING : p->file_bytes < CHUNK_FLOOR ? CHUNK_FLOOR : p->file_bytes > CHUNK_CEILING ? CHUNK_CEILING : p->file_bytes;
+    png_set_chunk_malloc_max(p->png, most);
+    png_set_chunk_cache_max(p->png, 1000); /* ancillary chunks kept: texts and unknowns */
+}
+
+static void check_pixel_bytes(png_file *p, size_t row_bytes, png_uint_32 height) {
+    double can_hold = (double)p->file_bytes * DEFLATE_RATIO + (double)CHUNK_FLOOR;
+    if (p->file_bytes && (double)(row_bytes + 1) * (double)height > can_hold) {
+        snprintf(p->message, sizeof p->message, "%lu x %lu pixels cannot come from a file of %lu bytes (damaged size?)",
+                 (unsigned long)p->width, (unsigned long)height, (unsigned long)p->file_bytes);
+        p->refused = 1;
+        png_longjmp(p->png, 1);
+    }
+}
+
 /* Everything libpng does while opening, apart from allocation. */
 static int read_header(png_file *p, PXF_IMAGE *image) {
     png_uint_32 width, height;
@@ -159,6 +210,7 @@ static int read_header(png_file *p, PXF_IMAGE *image) {
     png_textp texts;
     if (setjmp(png_jmpbuf(p->png))) return 0;
     png_init_io(p->png, p->file);
+    limit_chunks(p);
     png_read_info(p->png, p->info);
     png_get_IHDR(p->png, p->info, &width, &height, &depth, &colour_type, &interlace, NULL, NULL);
     if (width > 0x7fffffffu / 8 || height > 0x7fffffffu) png_error(p->png, "image too large");
@@ -201,6 +253,7 @@ static int read_header(png_file *p, PXF_IMAGE *image) {
     }
     take_text(&image->info.compression, passes > 1 ? "deflate, interlaced" : "deflate");
 
+    check_pixel_bytes(p, png_get_rowbytes(p->png, p->info), height);
     p->row = (png_bytep)malloc(png_get_rowbytes(p->png, p->info) + 8);
     if (!p->row) png_error(p->png, "out of memory");
     if (passes > 1) {
@@ -270,12 +323,18 @@ int imageReadOpen(PXF_IMAGE *image) {
     p->file = fopen(path, "rb");
     if (!p->file) return open_failed(p, strerror(errno));
     if (!imageIsFile(path, p->file)) return open_failed(p, "not a PNG file");
+    {
+        struct stat st;
+        /* 0: not a regular file, size unknown (only the fixed ceilings apply) */
+        p->file_bytes = fstat(fileno(p->file), &st) == 0 && S_ISREG(st.st_mode) ? (size_t)st.st_size : 0;
+    }
     rewind(p->file);
     p->png = png_create_read_struct(PNG_LIBPNG_VER_STRING, p, png_failed, png_warned);
     if (p->png) p->info = png_create_info_struct(p->png);
     if (!p->info) return open_failed(p, "out of memory");
     if (!read_header(p, image)) {
-        if (feof(p->file)) snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
+        if (feof(p->file) && !p->refused)
+            snprintf(p->message, sizeof p->message, "the file ends early (truncated?)");
         return open_failed(p, p->message);
     }
 
@@ -350,6 +409,11 @@ static int write_row(png_file *p) {
     if (setjmp(png_jmpbuf(p->png))) return 0;
     png_write_row(p->png, p->row);
     ++p->next_row;
+    /* libpng does not look at fwrite's result: the stream says. */
+    if (ferror(p->file)) {
+        snprintf(p->message, sizeof p->message, "write failed (%s)", errno ? strerror(errno) : "I/O error");
+        return 0;
+    }
     return 1;
 }
 
@@ -394,7 +458,7 @@ static int png_write_scan(void *data, int line, void ***rows, void **table) {
             for (x = 0; x < p->width; ++x)
                 ((uint16_t *)p->row)[x * n + c] = (uint16_t)rescale(element(src, bits, x), bits, 16);
     }
-    if (!write_row(p)) return scan_failed(p);
+    if (p->failed || !write_row(p)) return write_failed(p);
     return 0;
 }
 
@@ -440,13 +504,24 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->bytes = (d->chan.width > 8 || (p->alpha && d->matte.width > 8)) ? 2 : 1;
     colour_type = (p->colours == 3 ? PNG_COLOR_MASK_COLOR : 0) | (p->alpha ? PNG_COLOR_MASK_ALPHA : 0);
     p->row = (png_bytep)malloc((size_t)p->width * (size_t)(p->colours + p->alpha) * (size_t)p->bytes + 8);
-    if (!p->row) return open_failed(p, "out of memory");
-    p->file = fopen(path, "wb");
-    if (!p->file) return open_failed(p, strerror(errno));
     p->png = png_create_write_struct(PNG_LIBPNG_VER_STRING, p, png_failed, png_warned);
     if (p->png) p->info = png_create_info_struct(p->png);
-    if (!p->info) return open_failed(p, "out of memory");
-    if (!write_header(p, image, colour_type)) return open_failed(p, p->message);
+    if (!p->row || !p->info) {
+        pxf__err = PXF_E_NO_MEMORY;
+        return open_failed(p, "out of memory");
+    }
+    /* Created last, after everything that can fail without touching a file. */
+    errno = 0;
+    p->output = UTL_output_open(path);
+    if (!p->output) {
+        pxf__err = PXF_E_MISSING_FIELD;
+        return open_failed(p, strerror(errno ? errno : EIO));
+    }
+    p->file = UTL_output_stream(p->output);
+    if (!write_header(p, image, colour_type)) {
+        pxf__err = PXF_E_FLUSH;
+        return open_failed(p, p->message[0] ? p->message : "write failed");
+    }
     image->scan = png_write_scan;
     return 1;
 }
@@ -454,7 +529,10 @@ int imageWriteOpen(PXF_IMAGE *image) {
 static int png_close(PXF_IMAGE *image) {
     png_file *p = image->private_data ? (png_file *)image->private_data[0] : NULL;
     int status = 0;
-    if (p && p->writing && p->png) {
+    if (p && p->writing && p->png && p->failed) {
+        report(p, NULL, "an earlier write failed; the file was not kept");
+        status = -1;
+    } else if (p && p->writing && p->png) {
         if (p->next_row < p->height) {
             /* The caller stopped early: finish with black rows so that the
              * file stays readable, and say so. */
@@ -468,13 +546,20 @@ static int png_close(PXF_IMAGE *image) {
             report(p, NULL, p->message[0] ? p->message : "write failed");
             status = -1;
         }
-        if (p->file && fflush(p->file) != 0) {
-            report(p, NULL, "write failed");
-            status = -1;
+        if (!status) {
+            UTL_OUTPUT *output = p->output; /* commit closes and frees it, even when failing */
+            p->output = NULL;
+            p->file = NULL;
+            errno = 0;
+            if (UTL_output_commit(output) != 0) {
+                report(p, NULL, errno ? strerror(errno) : "write failed");
+                status = -1;
+            }
         }
     }
     if (p) release(p);
     pxf__free_obj(image);
-    if (status) pxf__err = PXF_E_FLUSH;
-    return status;
+    if (!status) return 0;
+    pxf__err = PXF_E_FLUSH;
+    return PXF_E_FLUSH;
 }

@@ -7,17 +7,22 @@
  */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
 #include <math.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <tiffio.h>
 #include <time.h>
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
+#include <pxf/utl.h>
+#include <sys/stat.h>
 
 const char *version = PXF_PLUGIN_PROTOCOL;
 const char *imageKey = "tiff";
@@ -38,7 +43,9 @@ int imageBitsPerZChannel = 32;
 typedef struct {
     TIFF *tif;
     char *path;
+    UTL_OUTPUT *output; /* when writing: renamed over the name only when complete */
     int writing;
+    int failed;         /* a write failed: the file is abandoned at close */
     int width, height;
     int samples;          /* samples per pixel in the file */
     int bytes;            /* bytes per sample: 1, 2 or 4 */
@@ -59,12 +66,40 @@ typedef struct {
 
 /* libtiff's complaints go to one handler for the whole process; each thread
  * keeps the first one of its current request. */
-static __thread char last_problem[200];
+/* Not a __thread buffer: static TLS in a loaded module is allocated by the
+ * dynamic loader, which aborts the process when that allocation fails.  A
+ * thread's buffer is made on first use; without one, complaints are lost
+ * and the callers' fallback texts stand. */
+#define PROBLEM_SIZE 200
+static pthread_key_t problem_key;
+static int problem_key_made;
+
+static char *problem_buffer(void) {
+    char *buffer;
+    if (!problem_key_made) return NULL;
+    buffer = (char *)pthread_getspecific(problem_key);
+    if (!buffer && (buffer = (char *)calloc(1, PROBLEM_SIZE)) && pthread_setspecific(problem_key, buffer) != 0) {
+        free(buffer);
+        buffer = NULL;
+    }
+    return buffer;
+}
+
+static void clear_problem(void) {
+    char *buffer = problem_key_made ? (char *)pthread_getspecific(problem_key) : NULL;
+    if (buffer) buffer[0] = '\0';
+}
+
+static int has_problem(void) {
+    char *buffer = problem_key_made ? (char *)pthread_getspecific(problem_key) : NULL;
+    return buffer && buffer[0];
+}
 
 static void tiff_complaint(const char *module, const char *format, va_list args) {
+    char *buffer = problem_buffer();
     (void)module;
-    if (last_problem[0]) return;
-    vsnprintf(last_problem, sizeof last_problem, format, args);
+    if (!buffer || buffer[0]) return;
+    vsnprintf(buffer, PROBLEM_SIZE, format, args);
 }
 
 static void tiff_quiet(const char *module, const char *format, va_list args) {
@@ -74,6 +109,7 @@ static void tiff_quiet(const char *module, const char *format, va_list args) {
 }
 
 int imageInit(void) {
+    if (!problem_key_made) problem_key_made = pthread_key_create(&problem_key, free) == 0;
     TIFFSetErrorHandler(tiff_complaint);
     TIFFSetWarningHandler(tiff_quiet);
     return 1;
@@ -84,7 +120,9 @@ static int report(const char *path, const char *what) {
     return 0;
 }
 
-static const char *problem(const char *fallback) { return last_problem[0] ? last_problem : fallback; }
+static const char *problem(const char *fallback) {
+    return has_problem() ? (const char *)pthread_getspecific(problem_key) : fallback;
+}
 
 int imageIsFile(const char *path, void *stream) {
     unsigned char head[4];
@@ -100,7 +138,12 @@ int imageIsFile(const char *path, void *stream) {
 }
 
 static void release(tiff_file *p) {
+    /* A file being abandoned is not flushed: after a failed set-up libtiff's
+     * state may be half made, and the data goes anyway. */
+    if (p->tif && p->writing) TIFFSetMode(p->tif, O_RDONLY);
     if (p->tif) TIFFClose(p->tif);
+    UTL_output_abandon(p->output); /* never committed: the temporary file goes */
+    p->output = NULL;
     free(p->row);
     free(p->strips);
     free(p->path);
@@ -185,7 +228,7 @@ static int tiff_read_scan(void *data, int line, void ***rows, void **table) {
     int row = p->height - 1 - line, plane, s;
     (void)table;
     if (row < 0 || row >= p->height) return bad_scanline();
-    last_problem[0] = '\0';
+    clear_problem();
     for (plane = 0; plane < (p->planar ? p->samples : 1); ++plane) {
         const unsigned char *src = plane_row(p, row, plane);
         if (!src) {
@@ -216,11 +259,36 @@ static void take_text(char **field, TIFF *tif, uint32_t tag) {
     *field = copy;
 }
 
+/* What a file of `bytes` bytes can justify allocating.  A decoded strip is
+ * at most the file's bytes times the largest ratio of the codecs that read
+ * here (LZW inflates by less than 4096:1, deflate by 1032:1, PackBits by
+ * 128:1), plus room for small files; the same bound caps any single
+ * allocation inside libtiff (tag arrays, strip tables).  0: size unknown. */
+#define INFLATE_RATIO 4096.0
+#define SMALL_FILE_ROOM ((double)(1 << 20))
+
+static double justified(size_t bytes) { return bytes ? (double)bytes * INFLATE_RATIO + SMALL_FILE_ROOM : 0.0; }
+
+static TIFF *open_bounded(const char *path, size_t *file_bytes) {
+    struct stat st;
+    TIFFOpenOptions *options;
+    TIFF *tif;
+    *file_bytes = stat(path, &st) == 0 && S_ISREG(st.st_mode) ? (size_t)st.st_size : 0;
+    options = TIFFOpenOptionsAlloc();
+    if (!options) return NULL;
+    if (*file_bytes && justified(*file_bytes) < (double)((tmsize_t)1 << 40))
+        TIFFOpenOptionsSetMaxSingleMemAlloc(options, (tmsize_t)justified(*file_bytes));
+    tif = TIFFOpenExt(path, "r", options);
+    TIFFOpenOptionsFree(options);
+    return tif;
+}
+
 int imageReadOpen(PXF_IMAGE *image) {
     const char *path = image->info.handle;
     uint32_t width = 0, height = 0;
     uint16_t spp = 1, bps = 1, format = SAMPLEFORMAT_UINT, photometric = PHOTOMETRIC_MINISBLACK;
     uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE, extra_count = 0, *extra = NULL;
+    size_t file_bytes = 0;
     int colours, mattes = 0, auxes = 0, s, next_matte, next_aux, type;
     float *values;
     PXF_IMAGE_DESC *d;
@@ -234,14 +302,14 @@ int imageReadOpen(PXF_IMAGE *image) {
     image->info.images = d;
     image->info.num_images = 1;
 
-    last_problem[0] = '\0';
+    clear_problem();
     if (!imageIsFile(path, NULL)) {
         FILE *f = fopen(path, "rb");
         if (!f) return open_failed(p, strerror(errno));
         fclose(f);
         return open_failed(p, "not a TIFF file");
     }
-    p->tif = TIFFOpen(path, "r");
+    p->tif = open_bounded(path, &file_bytes);
     if (!p->tif) return open_failed(p, problem("damaged TIFF header"));
     if (TIFFIsTiled(p->tif)) return open_failed(p, "tiled TIFF files are not supported");
     TIFFGetField(p->tif, TIFFTAG_IMAGEWIDTH, &width);
@@ -299,6 +367,12 @@ int imageReadOpen(PXF_IMAGE *image) {
         TIFFGetFieldDefaulted(p->tif, TIFFTAG_ROWSPERSTRIP, &rps);
         p->rows_per_strip = rps < 1 || rps > height ? height : rps;
         p->line_bytes = TIFFScanlineSize(p->tif);
+        if ((double)p->line_bytes * p->rows_per_strip * (p->planar ? spp : 1) >
+            (file_bytes ? justified(file_bytes) : (double)((tmsize_t)1 << 40))) {
+            snprintf(text, sizeof text, "strips of %.0f bytes cannot come from a file of %lu bytes (damaged size?)",
+                     (double)p->line_bytes * p->rows_per_strip, (unsigned long)file_bytes);
+            return open_failed(p, text);
+        }
         p->strip_bytes = p->line_bytes * (tmsize_t)p->rows_per_strip;
         if (p->line_bytes < (tmsize_t)p->width * (p->planar ? 1 : spp) * p->bytes)
             return open_failed(p, "inconsistent scanline size");
@@ -406,8 +480,9 @@ static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
     for (k = 0; k < 3; ++k)
         for (c = 0; c < p->groups[k].count; ++c, ++s)
             put_sample(p, &p->groups[k], (*rows)[s], s, k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
-    last_problem[0] = '\0';
-    if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
+    clear_problem();
+    if (p->failed || TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
+        p->failed = 1;
         report(p->path, problem("write failed"));
         pxf__err = PXF_E_FLUSH;
         return PXF_E_FLUSH;
@@ -425,8 +500,48 @@ static int compression_code(const char *name) {
     return -1;
 }
 
-static void put_text(TIFF *tif, uint32_t tag, const char *text) {
-    if (text && text[0] && strcmp(text, "unknown") != 0) TIFFSetField(tif, tag, text);
+static int put_text(TIFF *tif, uint32_t tag, const char *text) {
+    if (text && text[0] && strcmp(text, "unknown") != 0) return TIFFSetField(tif, tag, text);
+    return 1;
+}
+
+/* libtiff writes through the output's stream; the output owns it, so
+ * closing the TIFF closes nothing. */
+static tmsize_t stream_read(thandle_t h, void *buffer, tmsize_t size) {
+    return (tmsize_t)fread(buffer, 1, (size_t)size, (FILE *)h);
+}
+static tmsize_t stream_write(thandle_t h, void *buffer, tmsize_t size) {
+    size_t n;
+    /* libtiff passes a null buffer when an allocation failed inside it. */
+    if (!buffer && size > 0) return -1;
+    n = fwrite(buffer, 1, (size_t)size, (FILE *)h);
+    return n == (size_t)size ? size : -1;
+}
+static toff_t stream_seek(thandle_t h, toff_t offset, int whence) {
+    FILE *f = (FILE *)h;
+    if (fseeko(f, (off_t)offset, whence) != 0) return (toff_t)-1;
+    return (toff_t)ftello(f);
+}
+static int stream_close(thandle_t h) {
+    (void)h;
+    return 0;
+}
+static toff_t stream_size(thandle_t h) {
+    struct stat st;
+    FILE *f = (FILE *)h;
+    if (fflush(f) != 0 || fstat(fileno(f), &st) != 0) return 0;
+    return (toff_t)st.st_size;
+}
+static int no_map(thandle_t h, void **base, toff_t *size) {
+    (void)h, (void)base, (void)size;
+    return 0;
+}
+static void no_unmap(thandle_t h, void *base, toff_t size) { (void)h, (void)base, (void)size; }
+
+/* A write open that failed after the allocations: the code, then the report. */
+static int setup_failed(tiff_file *p, int code, const char *what) {
+    pxf__err = code;
+    return open_failed(p, what);
 }
 
 int imageWriteOpen(PXF_IMAGE *image) {
@@ -434,7 +549,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     const PXF_IMAGE_DESC *d = image->info.images;
     const PXF_INFO *info = &image->info;
     uint16_t extra[MAX_SAMPLES];
-    int k, s, bits = 8, any_float = 0, compression;
+    int k, s, bits = 8, any_float = 0, compression, ok;
     tiff_file *p;
     char text[120];
     if (!path) return report("tiff", "no file name");
@@ -476,50 +591,70 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->samples = d->chan.count + d->matte.count + d->aux.count;
     if (p->width < 1 || p->height < 1) return open_failed(p, "empty image window");
     p->row = (unsigned char *)malloc((size_t)p->width * (size_t)p->samples * (size_t)p->bytes + 16);
-    if (!p->row) return open_failed(p, "out of memory");
+    if (!p->row) return setup_failed(p, PXF_E_NO_MEMORY, "out of memory");
 
-    last_problem[0] = '\0';
-    p->tif = TIFFOpen(path, "w");
-    if (!p->tif) return open_failed(p, problem(strerror(errno)));
-    TIFFSetField(p->tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width);
-    TIFFSetField(p->tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height);
-    TIFFSetField(p->tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples);
-    TIFFSetField(p->tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8));
-    TIFFSetField(p->tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(any_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT));
-    TIFFSetField(p->tif, TIFFTAG_PHOTOMETRIC, (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK));
-    TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG);
-    TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT);
-    TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
-    if (d->matte.count + d->aux.count > 0) {
+    errno = 0;
+    p->output = UTL_output_open(path);
+    if (!p->output) return setup_failed(p, PXF_E_MISSING_FIELD, strerror(errno ? errno : EIO));
+    clear_problem();
+    p->tif = TIFFClientOpen(path, "w", (thandle_t)UTL_output_stream(p->output), stream_read, stream_write,
+                            stream_seek, stream_close, stream_size, no_map, no_unmap);
+    if (!p->tif) return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot start the TIFF file (out of memory?)"));
+    /* Any tag libtiff could not take (it allocates for most) fails the open:
+     * a file with a tag missing would say something else than the image. */
+    ok = TIFFSetField(p->tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width) &&
+         TIFFSetField(p->tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height) &&
+         TIFFSetField(p->tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples) &&
+         TIFFSetField(p->tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8)) &&
+         TIFFSetField(p->tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(any_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT)) &&
+         TIFFSetField(p->tif, TIFFTAG_PHOTOMETRIC,
+                      (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK)) &&
+         TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG) &&
+         TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT) &&
+         TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
+    if (ok && d->matte.count + d->aux.count > 0) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
             extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
-        TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
+        ok = TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
+        /* libtiff reports success even when it could not copy the values:
+         * read them back, or the mattes would be written as unspecified. */
+        if (ok) {
+            uint16_t count = 0, *stored = NULL;
+            ok = TIFFGetField(p->tif, TIFFTAG_EXTRASAMPLES, &count, &stored) &&
+                 count == (uint16_t)(d->matte.count + d->aux.count) && stored &&
+                 memcmp(stored, extra, count * sizeof *stored) == 0;
+        }
     }
-    TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
-    if (d->chan.count == 3 && info->white_pt[1] > 0.0f) {
+    ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
+    if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f) {
         float primaries[6] = {info->red_pri[0],   info->red_pri[1],  info->green_pri[0],
                               info->green_pri[1], info->blue_pri[0], info->blue_pri[1]};
         float white[2] = {info->white_pt[0], info->white_pt[1]};
-        TIFFSetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, primaries);
-        TIFFSetField(p->tif, TIFFTAG_WHITEPOINT, white);
+        ok = TIFFSetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, primaries) &&
+             TIFFSetField(p->tif, TIFFTAG_WHITEPOINT, white);
     }
-    put_text(p->tif, TIFFTAG_DOCUMENTNAME, info->name);
-    put_text(p->tif, TIFFTAG_IMAGEDESCRIPTION, info->desc);
-    put_text(p->tif, TIFFTAG_SOFTWARE, info->program);
-    put_text(p->tif, TIFFTAG_ARTIST, info->user);
-    put_text(p->tif, TIFFTAG_HOSTCOMPUTER, info->machine);
+    ok = ok && put_text(p->tif, TIFFTAG_DOCUMENTNAME, info->name) &&
+         put_text(p->tif, TIFFTAG_IMAGEDESCRIPTION, info->desc) && put_text(p->tif, TIFFTAG_SOFTWARE, info->program) &&
+         put_text(p->tif, TIFFTAG_ARTIST, info->user) && put_text(p->tif, TIFFTAG_HOSTCOMPUTER, info->machine);
     /* DateTime has a fixed form, "YYYY:MM:DD HH:MM:SS"; the library's own
      * dates are "{seconds}". */
-    if (info->date && strlen(info->date) == 19 && info->date[4] == ':' && info->date[10] == ' ') {
-        TIFFSetField(p->tif, TIFFTAG_DATETIME, info->date);
+    if (!ok) {
+    } else if (info->date && strlen(info->date) == 19 && info->date[4] == ':' && info->date[10] == ' ') {
+        ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, info->date);
     } else if (info->date && info->date[0] == '{') {
         char stamp[32];
         struct tm when;
         time_t seconds = (time_t)strtoll(info->date + 1, NULL, 10);
         if (localtime_r(&seconds, &when) && strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) == 19)
-            TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
+            ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
     }
-    if (last_problem[0]) return open_failed(p, last_problem);
+    if (!ok || has_problem()) {
+        /* libtiff (4.5) can leave a directory it cannot free when a tag's
+         * allocation fails: freeing it crashes.  Out of memory at this
+         * point, the structure is left behind rather than the process. */
+        if (!ok) p->tif = NULL;
+        return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot set the TIFF tags (out of memory?)"));
+    }
     image->scan = tiff_write_scan;
     return 1;
 }
@@ -527,7 +662,10 @@ int imageWriteOpen(PXF_IMAGE *image) {
 static int tiff_close(PXF_IMAGE *image) {
     tiff_file *p = image->private_data ? (tiff_file *)image->private_data[0] : NULL;
     int status = 0;
-    if (p && p->writing && p->tif) {
+    if (p && p->writing && p->tif && p->failed) {
+        report(p->path, "an earlier write failed; the file was not kept");
+        status = -1;
+    } else if (p && p->writing && p->tif) {
         if (p->next_row < p->height) {
             /* Stopped early: finish with zero rows so that the file stays whole. */
             ERR_printf(ERR_WARNING, "%s: %d scanlines not written, filled with zero", p->path,
@@ -536,14 +674,25 @@ static int tiff_close(PXF_IMAGE *image) {
             while (p->next_row < p->height)
                 if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row++, 0) < 0) break;
         }
-        last_problem[0] = '\0';
-        if (!TIFFFlush(p->tif)) {
+        clear_problem();
+        if (p->next_row < p->height || !TIFFFlush(p->tif)) {
             report(p->path, problem("write failed"));
             status = -1;
+        } else {
+            UTL_OUTPUT *output = p->output; /* commit closes and frees it, even when failing */
+            TIFFClose(p->tif);
+            p->tif = NULL;
+            p->output = NULL;
+            errno = 0;
+            if (UTL_output_commit(output) != 0) {
+                report(p->path, errno ? strerror(errno) : "write failed");
+                status = -1;
+            }
         }
     }
     if (p) release(p);
     pxf__free_obj(image);
-    if (status) pxf__err = PXF_E_FLUSH;
-    return status;
+    if (!status) return 0;
+    pxf__err = PXF_E_FLUSH;
+    return PXF_E_FLUSH;
 }

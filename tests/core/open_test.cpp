@@ -89,15 +89,18 @@ TEST_F(Open, RefusedWritesSayWhy) {
     }
 }
 
-TEST_F(Open, UninitialisedInfoIsWarnedAboutButUsed) {
-    PXF_INFO raw{};
-    raw.handle = const_cast<char *>("nothing.mem");
-    raw.open_flag = 1;
-    StderrCapture err;
-    EXPECT_EQ(PXF_open(&raw, "r"), nullptr);  // no memory writer of that name
-    EXPECT_EQ(err.finish(),
-              "PXF_open: application programming error.\nThe application must call PXF_info_init or PXF_info_alloc\n"
-              "on the info structure before passing it to PXF_open.\n");
+TEST_F(Open, UninitialisedInfoIsWarnedAboutAndRefused) {
+    PXF_INFO raw;
+    std::memset(&raw, 0xa5, sizeof raw);  // what the stack held: wild strings and counts
+    for (const char *mode : {"r", "w"}) {
+        StderrCapture err;
+        pxf__err = 0;
+        EXPECT_EQ(PXF_open(&raw, mode), nullptr);
+        EXPECT_EQ(pxf__err, PXF_E_MISSING_FIELD);
+        EXPECT_EQ(err.finish(),
+                  "PXF_open: application programming error.\nThe application must call PXF_info_init or PXF_info_alloc\n"
+                  "on the info structure before passing it to PXF_open.\n");
+    }
 }
 
 TEST_F(Open, BottomUpRoundTripChosenByExtensionAndProbeThenSeeks) {

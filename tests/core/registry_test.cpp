@@ -76,6 +76,48 @@ TEST_F(Registry, ContentProbeDecidesTheFileType) {
     EXPECT_EQ(decided, 0);
 }
 
+TEST_F(Registry, UnavailableDriversArePassedOverUntilMarkedBack) {
+    ASSERT_EQ(init_with_plugins({"raw_plugin", "top_plugin"}, catalog_), 0);
+    TempDir dir;
+    std::string picture = dir.file("picture.top");
+    write_file(picture, "PXTOP1\nabc");
+    int decided = -1;
+    ASSERT_EQ(PXF_set_available(".top", 0), 0);  // by extension, as PXF_find looks up
+    ASSERT_EQ(PXF_set_available("top", 0), 0);   // twice is harmless
+    EXPECT_EQ(PXF_find("top"), nullptr);
+    EXPECT_EQ(PXF_find(".top"), nullptr);
+    EXPECT_EQ(PXF_hasReadSupport("top"), 0);
+    EXPECT_STREQ(PXF_info()->key, "raw");
+    EXPECT_EQ(PXF_info(), nullptr);
+    EXPECT_STREQ(PXF_get_file_type(picture.c_str(), nullptr, &decided), PXF_LITERAL_HARD_KEY_none);
+    EXPECT_EQ(PXF_is_file_type(picture.c_str(), nullptr, "top", &decided), nullptr);
+    EXPECT_EQ(pxf__num_pxf_types_dso, 2);  // the plug-in table still lists it
+    {
+        ReportCapture capture;
+        Request request;
+        EXPECT_EQ(request.set("top", picture.c_str()).open("r"), nullptr);
+        EXPECT_EQ(pxf__err, -4);
+        ASSERT_EQ(PXF_set_available("mem", 0), 0);  // built-ins too
+        EXPECT_EQ(request.set("mem", "x").open("r"), nullptr);
+        EXPECT_EQ(PXF_set_available("nothing", 0), -1);
+        EXPECT_EQ(pxf__err, -4);
+        EXPECT_EQ(capture.last(), numbered(902, "Unknown file type key (\"nothing\") was specified; "
+                                                 "Ensure that the plug-in for this type is defined"));
+    }
+    ASSERT_EQ(PXF_set_available("top", 1), 0);
+    ASSERT_EQ(PXF_set_available("mem", 1), 0);
+    EXPECT_STREQ(PXF_find(".top")->key, "top");
+    EXPECT_STREQ(PXF_get_file_type(picture.c_str(), nullptr, &decided), "top");
+    ASSERT_EQ(PXF_init(nullptr, nullptr), 0);
+    EXPECT_STREQ(PXF_info()->key, "raw");
+    EXPECT_STREQ(PXF_info()->key, "top");
+
+    ReportCapture quiet;
+    for_each_allocation_failure([] { return PXF_set_available("raw", 0) == 0; },
+                                [](int) { EXPECT_NE(PXF_find("raw"), nullptr); });
+    EXPECT_EQ(PXF_find("raw"), nullptr);
+}
+
 TEST_F(Registry, QueryFunctionsCopyNamesKeysAndExtensions) {
     ASSERT_EQ(init_with_plugins({"top_plugin", "raw_read_only", "raw_second"}, catalog_), 0);
     const char *keys[4] = {};

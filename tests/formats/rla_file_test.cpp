@@ -137,17 +137,24 @@ TEST_F(RlaWrite, ScanlinesMustComeInSequence) {
     void **rows = pxf__chan_alloc(&images_[0], 4, "test");
     for (int y = 0; y < 5; ++y) ASSERT_EQ(PXF_scan_write(image, y, &rows), 0);
     std::fflush(nullptr);
-    const auto before = std::filesystem::file_size(path);
+    // Until close the data goes to a temporary file beside the name.
+    EXPECT_FALSE(std::filesystem::exists(path)) << "the name appears only when the file is complete";
+    auto staged = [&] {
+        for (const auto &entry : std::filesystem::directory_iterator(dir_.path())) return entry.path();
+        return std::filesystem::path();
+    };
+    const auto before = std::filesystem::file_size(staged());
     ReportCapture capture;
     EXPECT_EQ(PXF_scan_write(image, 4, &rows), -2);
     EXPECT_EQ(PXF_scan_write(image, 6, &rows), -2);
     EXPECT_EQ(capture.last(), numbered(53, "Bad scanline: 6 (out of range, or not in sequence if a sequential file)"));
     std::fflush(nullptr);
-    EXPECT_EQ(std::filesystem::file_size(path), before) << "a refused scanline writes nothing";
+    EXPECT_EQ(std::filesystem::file_size(staged()), before) << "a refused scanline writes nothing";
     EXPECT_EQ(PXF_scan_write(image, 5, &rows), 0);
     EXPECT_EQ(PXF_scan_write(image, 6, &rows), -2) << "past the window top";
     pxf__chan_free(rows);
     EXPECT_EQ(PXF_close(image), 0);
+    EXPECT_EQ(staged(), path) << "renamed at close, nothing else left";
 }
 
 TEST_F(RlaWrite, WhatTheFileCannotHoldFailsAtOpenAndLeavesNoFile) {
@@ -159,7 +166,11 @@ TEST_F(RlaWrite, WhatTheFileCannotHoldFailsAtOpenAndLeavesNoFile) {
         {[](PXF_IMAGE_DESC &d) { d.window.left = -1; }, numbered(60, "rla cannot handle the image window")},
         {[](PXF_IMAGE_DESC &d) { d.active_window.top = 4; }, numbered(60, "rla cannot handle the image window")},
         {[](PXF_IMAGE_DESC &d) { d = image_desc(9000, 1, 1, PXF_C_DOUBLE, 64); },  // blocks past 16-bit lengths
-         numbered(73, "rla cannot handle image channel width")},
+         numbered(241, "rla cannot hold scanlines 9000 pixels wide of 8-byte elements: an encoded channel may "
+                       "exceed the 65535-byte block limit")},
+        {[](PXF_IMAGE_DESC &d) { d = image_desc(20000, 1, 3, PXF_C_INTEGER, 8, 0, 1); d.aux.type = PXF_C_FLOAT; },
+         numbered(241, "rla cannot hold scanlines 20000 pixels wide of 4-byte elements: an encoded channel may "
+                       "exceed the 65535-byte block limit")},
     };
     const std::string path = dir_.file("bad.rla");
     for (const auto &[change, message] : cases) {

@@ -17,13 +17,20 @@ libdir=$(dirname "$(find "$prefix" -name 'libPXFbase.so' | head -1)")
 [ -f "$prefix/include/pxf/pxf.h" ] && [ -f "$prefix/include/pxf/plugin.h" ] || fail "headers not installed"
 ls "$libdir"/pxf/plugins/png.so "$libdir"/pxf/plugins/tiff.so >/dev/null || fail "plug-ins not installed"
 
+# The README's C++ example is built with the package too.
+awk '/^```cpp$/{on=1; next} /^```$/{on=0} on' "$source/README.md" >"$work/readme_example.cpp"
+[ -s "$work/readme_example.cpp" ] || fail "the README has no C++ example"
+
 # 1. CMake package.  The flags of the enclosing build (sanitizers) do not
 #    leak into this one; the sanitizer runtime is preloaded when needed.
 cmake -S "$source/tests/install/outside" -B "$work/by-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_BUILD_RPATH="$libdir" -DCMAKE_C_FLAGS="${OUTSIDE_CFLAGS:-}" -DCMAKE_EXE_LINKER_FLAGS="${OUTSIDE_CFLAGS:-}" \
+  -DCMAKE_BUILD_RPATH="$libdir" -DCMAKE_C_FLAGS="${OUTSIDE_CFLAGS:-}" -DCMAKE_CXX_FLAGS="${OUTSIDE_CFLAGS:-}" \
+  -DCMAKE_EXE_LINKER_FLAGS="${OUTSIDE_CFLAGS:-}" -DREADME_EXAMPLE="$work/readme_example.cpp" \
   >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; fail "find_package(PXFbase) failed"; }
 cmake --build "$work/by-cmake" >"$work/build.log" 2>&1 || { cat "$work/build.log"; fail "build with find_package failed"; }
 "$work/by-cmake/outside" | grep -q "every pixel" || fail "the find_package build does not run"
+
+(cd "$work" && "$work/by-cmake/readme_example") | grep -q "last pixel 0.988" || fail "the README's C++ example does not run"
 
 # 2. pkg-config.
 export PKG_CONFIG_PATH=$libdir/pkgconfig

@@ -72,6 +72,36 @@ TEST(Chain, MissingRecordsAndInnerFailures) {
     PXF_close(image);
 }
 
+int driver_close(PXF_IMAGE *image) {
+    pxf__free_obj(image);
+    return 0;
+}
+
+// With nothing stacked, the driver's record is on top.  Here it is a lone int
+// that holds the operator's own tag: a remove function that trusted the tag
+// would read an operator record past its end and free what it found there.
+TEST(Chain, RemoveFunctionsLeaveADriversRecordAlone) {
+    const struct {
+        int tag;
+        int (*remove)(PXF_IMAGE *);
+    } removes[] = {{PXF_OP_CAST, PXF__cast_done},     {PXF_OP_GAMMA, PXF__gamma_done},
+                   {PXF_OP_QUANTIZE, PXF__quantize_done}, {PXF_OP_FIELD, PXF__field_done},
+                   {0, PXF__raster_done}};
+    for (const auto &r : removes) {
+        auto *image = static_cast<PXF_IMAGE *>(std::malloc(sizeof(PXF_IMAGE)));
+        pxf__init_obj(image, PXF_MODE_READ);
+        image->private_data = static_cast<void **>(std::malloc(sizeof(void *)));
+        auto *record = static_cast<int32_t *>(std::malloc(sizeof(int32_t)));
+        *record = r.tag;
+        image->private_data[0] = record;
+        image->close = driver_close;
+        EXPECT_LE(r.remove(image), 0) << r.tag;
+        EXPECT_EQ(image->private_data[0], record) << r.tag;
+        EXPECT_EQ(image->close, driver_close) << r.tag;
+        EXPECT_EQ(PXF_close(image), 0);
+    }
+}
+
 TEST(Raster, ServesScanlinesInAnyOrderFromOnePass) {
     PXF_IMAGE *image = synthetic_image(synthetic_desc(W, H, 2, PXF_C_INTEGER, 16, 1), PXF_MODE_READ);
     expect_clean_failures(image, [&] { PXF__raster(image); }, PXF__raster_done);

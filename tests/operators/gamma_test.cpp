@@ -75,8 +75,9 @@ TEST(GammaOperator, RefusalsAndOutOfMemoryLeaveTheChainAlone) {
     };
     image->info.num_images = 0;
     refused("store multiple images");
+    d.chan.width = 16;  // without images the width is still checked, and said last
+    refused("handle image channel width");
     image->info.num_images = 1;
-    d.chan.width = 16;
     refused("handle image channel width");
     d.chan.type = PXF_C_FLOAT;
     refused("handle image channel type");

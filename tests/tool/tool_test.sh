@@ -93,6 +93,36 @@ convert)
   expect 1 "$pxf" convert sample.png nofield.png --field
   one_line_error 'partner'
   ;;
+colour)
+  expect 0 "$pxf" make-sample sample.png --size 64x32
+  expect 0 "$pxf" convert sample.png f.tif --float
+  expect 0 "$pxf" convert f.tif q.tif --quantize 16
+  # Float and 16-bit images become 8-bit colour for a gamma 2.2 display.
+  for src in f.tif q.tif; do
+    expect 0 "$pxf" convert "$src" "view_$src.png" --display
+    pngcheck -v "view_$src.png" >check.txt || fail "pngcheck rejects view_$src.png"
+    has '64 x 32 image, 32-bit RGB+alpha' check.txt
+    has 'gAMA.*0.45455' check.txt
+  done
+  expect 0 "$pxf" convert sample.png grey.png --luminance
+  pngcheck -v grey.png >check.txt
+  has 'grayscale+alpha' check.txt
+  expect 0 "$pxf" convert sample.png wide.png --primaries rec2020
+  expect 0 "$pxf" convert sample.png own.png --primaries 0.64,0.33,0.3,0.6,0.15,0.06,0.3127,0.329
+  expect 0 "$pxf" convert f.tif n.tif --normalize 0.25,0.75
+  expect 0 "$pxf" info --stats n.tif
+  has 'colour    0  min 0  max 1'
+  expect 0 "$pxf" info --stats sample.png
+  has 'matte     0  min 0  max 255'
+  expect 0 "$pxf" info --json --stats sample.png
+  has '"stats": \[{"group": "colour"'
+  expect 1 "$pxf" convert sample.png x.png --image 1
+  one_line_error 'no image 1'
+  expect 1 "$pxf" convert sample.png x.png --normalize 0,1
+  one_line_error 'float'
+  expect 2 "$pxf" convert sample.png x.png --primaries nowhere
+  expect 2 "$pxf" convert sample.png x.png --normalize 1,0
+  ;;
 frames)
   for f in 1 2 3; do expect 0 "$pxf" make-sample "seq.000$f.png" --size 48x32; done
   expect 0 "$pxf" convert 'seq.####.png' 'out.####.tif' --frames 1-3 --jobs 2
@@ -266,6 +296,34 @@ sequences)
   [ "$(grep -c 'format *tiff' out.txt)" -eq 3 ] || fail "info over a pattern: $(cat out.txt)"
   expect 1 "$pxf" info 'none.####.tif'
   one_line_error 'no files'
+  ;;
+resample)
+  expect 0 "$pxf" make-sample s.rla --size 64x48
+  expect 0 "$pxf" convert s.rla half.png --resize 50% --filter lanczos3
+  pngcheck -v half.png >check.txt
+  has '32 x 24 image' check.txt
+  expect 0 "$pxf" convert s.rla odd.tif --resize 101x7
+  tiff_ok odd.tif
+  has 'Image Width: 101 Image Length: 7' tiff.txt
+  expect 0 "$pxf" swatch s.rla sw.png --size 16
+  pngcheck -v sw.png >check.txt
+  has '16 x 12 image' check.txt
+  expect 0 "$pxf" mipmap s.rla tex.rla --kind bump --filter box
+  expect 0 "$pxf" info tex.rla
+  has 'colour *3 x float 32-bit (bump)'
+  expect 0 "$pxf" mipmap --help
+  has 'dh/du'
+  expect 2 "$pxf" convert s.rla x.png --resize 0x5
+  one_line_error 'from 1 to 1000000'
+  expect 2 "$pxf" convert s.rla x.png --resize 10x10 --filter sinc
+  one_line_error 'unknown filter "sinc"'
+  expect 2 "$pxf" mipmap s.rla x.rla --kind normal
+  one_line_error '--kind'
+  expect 2 "$pxf" swatch s.rla x.png
+  one_line_error 'needs --size'
+  expect 2 "$pxf" convert s.rla x.png --resize 1000001x5
+  one_line_error 'from 1 to 1000000'
+  [ ! -e x.png ] && [ ! -e x.rla ] || fail "a refused command left a file"
   ;;
 *)
   fail "unknown case"

@@ -10,6 +10,8 @@
 #include <optional>
 #include <thread>
 
+#include <pxf/frames.h>
+
 #include "tool.h"
 
 namespace pxftool {
@@ -172,6 +174,65 @@ void describe_text(const std::string &path, const FileSource &file) {
     for (const Text &t : texts_of(info)) std::printf("  %-12s %s\n", t.key, t.value);
 }
 
+// The frame numbers of a multi-frame image as ranges: "1-40, 42, 50-60".
+void describe_frames(PXF_IMAGE *image) {
+    int n = PXF_multiframe_count(image);
+    std::string list;
+    for (int i = 0, start = 0, previous = 0, f = 0; i <= n; ++i) {
+        bool more = i < n && PXF_multiframe_frame(image, i, &f) == 0;
+        if (i && (!more || f != previous + 1)) {
+            list += (list.empty() ? "" : ", ") + std::to_string(start);
+            if (previous != start) list += "-" + std::to_string(previous);
+        }
+        if (!more) break;
+        if (!i || f != previous + 1) start = f;
+        previous = f;
+    }
+    const PXF_IMAGE_DESC &d = image->info.images[0];
+    std::printf("  frames       %d of %dx%d: %s\n", n, d.window.right - d.window.left + 1,
+                d.window.top - d.window.bottom + 1, list.empty() ? "none" : list.c_str());
+}
+
+// ---- Frame sequences ----
+
+void parse_frames(const std::string &text, int &first, int &last) {
+    std::size_t dash = text.find('-', 1);
+    first = int(parse_integer(text.substr(0, dash), "--frames", 0, 99999999));
+    last = dash == std::string::npos ? first : int(parse_integer(text.substr(dash + 1), "--frames", 0, 99999999));
+    if (last < first) throw UsageError("--frames: the range " + text + " runs backwards");
+}
+
+bool is_container(const std::string &path) {
+    return path.size() > 4 && path.compare(path.size() - 4, 4, ".mpc") == 0;
+}
+
+// Frames of a multi-frame IN: one (`frame`), or each of first..last (all
+// when last < first), to OUT's frame field.
+int convert_frames(const std::string &in, const std::string &out, const ReadOptions &read, WriteOptions write,
+                   int frame, int first, int last, bool quiet) {
+    FileSource source(in, read);
+    PXF_IMAGE *image = source.image();
+    if (!PXF_multiframe_is(image)) throw UsageError("convert: " + in + " has no frames to choose from");
+    std::vector<int> chosen;
+    for (int i = 0, n = PXF_multiframe_count(image), f = 0; i < n; ++i)
+        if (PXF_multiframe_frame(image, i, &f) == 0 && (frame >= 0 ? f == frame : last < first || (f >= first && f <= last)))
+            chosen.push_back(f);
+    if (chosen.empty()) throw Failure(in + ": no such frame");
+    if (chosen.size() > 1 && !Sequence::is_pattern(out))
+        throw UsageError("convert: OUT needs a frame field, as in name.####.ext, or give --frame N");
+    Progress bar("convert", !quiet);
+    int done = 0;
+    for (int f : chosen) {
+        take_report();
+        if (PXF_set_frame(image, f) != 0) fail_with_report(in, "cannot read frame " + std::to_string(f));
+        write.frame = f;
+        write_image(source, Sequence::is_pattern(out) ? Sequence(out).frame(f) : out, write, nullptr);
+        bar.update(++done, int(chosen.size()));
+    }
+    bar.finish();
+    return kExitOk;
+}
+
 const char *kConvertHelp =
     "usage: pxf convert IN OUT [options]\n"
     "\n"
@@ -184,10 +245,29 @@ const char *kConvertHelp =
     "  --quantize BITS    turn float colour and matte channels into BITS-bit\n"
     "                     integers (use after --float, or on float files)\n"
     "  --field            pair two field files (name.NNNN) into one frame\n"
+    "  --image N          read image N (from 0) of a file holding several\n"
+    "  --normalize LOW,HIGH  map float colour from LOW..HIGH onto 0..1, clipped\n"
+    "  --display          any image (float, 16-bit, XYZ, spectral) to 8-bit\n"
+    "                     for viewing, encoded for a gamma 2.2 display\n"
+    "  --primaries P      8-bit RGB to other primaries: srgb, rec709, rec2020,\n"
+    "                     p3, adobe, ntsc, or rx,ry,gx,gy,bx,by,wx,wy\n"
+    "  --luminance        one channel of luminance (Y) instead of colour\n"
+    "  --resize WxH|N%    scale to W x H pixels, or by N percent\n"
+    "  --filter NAME      resampling filter: box, triangle, catmull-rom,\n"
+    "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
-    "                     (tiff: none, lzw, deflate, packbits)\n"
+    "                     (tiff: none, lzw, deflate, packbits; exr: none, rle,\n"
+    "                     zips, zip, piz, pxr24, b44, b44a, dwaa, dwab;\n"
+    "                     jpeg: baseline, progressive)\n"
+    "  --quality Q        quality of lossy formats, 1 to 100 (jpeg)\n"
     "  --frames LIST      frames of name.####.ext sequences: 1-100, 1-100x2\n"
-    "                     (every 2nd), 1,5,9; without it, the frames on disk\n"
+    "                     (every 2nd), 1,5,9; without it, the frames on disk;\n"
+    "                     with OUT a .mpc container, pack them into it\n"
+    "  --crop X,Y,W,H     write only that rectangle (X, Y from the window's\n"
+    "                     left and bottom), clipped to the image\n"
+    "  --frame N          take frame N of a multi-frame IN (a .mpc container);\n"
+    "                     a multi-frame IN and an OUT with a frame field\n"
+    "                     unpack every frame (or those of --frames)\n"
     "  --jobs N, -j N     convert up to N frames at once (default 1)\n"
     "  --quiet, -q        no progress bar and no notes\n"
     "  --verbose, -v      say what is loaded and written\n"
@@ -204,13 +284,14 @@ const char *kConvertHelp =
     "of --key (default rla).  --opt=value works for every option.\n";
 
 const char *kInfoHelp =
-    "usage: pxf info [--json] FILE...\n"
+    "usage: pxf info [--json] [--stats] FILE...\n"
     "\n"
     "Describes each image file: format (found by content, then extension),\n"
     "size and windows, channel groups with types and widths, gamma,\n"
     "primaries, frame, texts and compression.\n"
     "\n"
     "  --json    one JSON array of descriptions, for scripts\n"
+    "  --stats   also each channel's minimum and maximum (reads every pixel)\n"
     "\n"
     "FILE may be a sequence (name.####.ext, name.%04d.ext): every frame on\n"
     "disk is described.  - reads standard input.\n";
@@ -253,10 +334,11 @@ int run_formats(const std::vector<std::string> &args) {
 
 int run_info(const std::vector<std::string> &args) {
     if (wants_help(args)) return std::fputs(kInfoHelp, stdout), kExitOk;
-    bool json = false;
+    bool json = false, stats = false;
     std::vector<std::string> files;
     for (const std::string &a : args) {
         if (a == "--json") json = true;
+        else if (a == "--stats") stats = true;
         else reject_option(a), files.push_back(a);
     }
     if (files.empty()) throw UsageError("info needs at least one FILE");
@@ -287,6 +369,13 @@ int run_info(const std::vector<std::string> &args) {
             FileSource file(streams.input(path), ReadOptions{});
             if (json) entries.push_back(describe_json(path, file));
             else describe_text(path, file);
+            if (stats) {
+                std::string ranges;
+                print_stats(file.image(), path, json, &ranges);
+                // The object's closing "\n  }" makes way for the ranges.
+                if (json) entries.back().insert(entries.back().size() - 4, ",\n    \"stats\": " + ranges);
+            }
+            if (!json && PXF_multiframe_is(file.image())) describe_frames(file.image());
         } catch (const Failure &e) {
             std::fflush(stdout);
             std::fprintf(stderr, "pxf: %s\n", e.what());
@@ -308,6 +397,8 @@ int run_convert(const std::vector<std::string> &args) {
     WriteOptions write;
     std::vector<std::string> paths;
     std::string frames, channels;
+    int one_frame = -1;
+    Crop crop;
     int jobs = 1;
     bool quiet = global_options().quiet;
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -317,31 +408,47 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--gamma") read.gamma = float(parse_number(next_value(args, i), a));
         else if (a == "--quantize") read.quantize = int(parse_integer(next_value(args, i), a, 1, 32));
         else if (a == "--field") read.field = true;
+        else if (a == "--resize") parse_resize(next_value(args, i), read);
+        else if (a == "--filter") read.filter = checked_filter(next_value(args, i));
         else if (a == "--compression") write.compression = next_value(args, i);
+        else if (a == "--quality") write.quality = int(parse_integer(next_value(args, i), a, 1, 100));
         else if (a == "--frames") frames = next_value(args, i);
+        else if (a == "--crop") crop = parse_crop(next_value(args, i));
+        else if (a == "--frame") one_frame = int(parse_integer(next_value(args, i), a, 0, 99999999));
         else if (a == "--jobs") jobs = int(parse_integer(next_value(args, i), a, 1, 256));
         else if (a == "--quiet") quiet = true;
         else if (a == "--attrib") add_attribute(write.texts, next_value(args, i));
         else if (a == "--strip") write.texts.strip = true;
         else if (a == "--ch") channels = next_value(args, i);
         else if (a == "--stamp") write.texts.stamp = true;
+        else if (parse_colour_option(args, i, read)) continue;
         else reject_option(a), paths.push_back(a);
     }
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
     const std::string &in = paths[0], &out = paths[1];
     bool in_sequence = Sequence::is_pattern(in), out_sequence = Sequence::is_pattern(out);
 
+    // Frames of a multi-frame IN (a container): one of them, or each to OUT's frame field.
+    if (!in_sequence && (one_frame >= 0 || out_sequence)) {
+        int first = 0, last = -1;
+        if (!frames.empty()) parse_frames(frames, first, last);
+        return convert_frames(in, out, read, write, one_frame, first, last, quiet);
+    }
     if (!in_sequence) {
         if (!frames.empty()) throw UsageError("--frames: IN needs a frame field, as in name.####.ext");
-        if (out_sequence) throw UsageError("OUT has a frame field but IN is one image (give IN as name.####.ext)");
+        if (in != "-" && out != "-") refuse_same_file(in, out);
         StandardStreams streams;
         std::string out_path = streams.output(out, write);
         Progress bar("convert", !quiet);
         FileSource file(streams.input(in), read);
-        std::optional<ChannelSelect> picked;
-        if (!channels.empty()) picked.emplace(file, channels);
-        RowSource &source = picked ? static_cast<RowSource &>(*picked) : file;
-        write_image(source, out_path, write, [&](int done, int total) { bar.update(done, total); });
+        if (crop.set) {
+            write_cropped(file, crop, out_path, write);
+        } else {
+            std::optional<ChannelSelect> picked;
+            if (!channels.empty()) picked.emplace(file, channels);
+            RowSource &source = picked ? static_cast<RowSource &>(*picked) : file;
+            write_image(source, out_path, write, [&](int done, int total) { bar.update(done, total); });
+        }
         bar.finish();
         streams.finish();
         tell("wrote " + out);
@@ -352,6 +459,20 @@ int run_convert(const std::vector<std::string> &args) {
     std::vector<int> numbers = frames.empty() ? input.discover() : parse_frame_ranges(frames);
     if (numbers.empty()) throw Failure(in + ": no files of this sequence were found");
     if (frames.empty()) tell(in + ": frames " + describe_frames(numbers));
+    if (!out_sequence && is_container(out)) {
+        // Pack the sequence into one container, each frame under its file's number.
+        Progress bar("convert", !quiet);
+        int done = 0;
+        for (int f : numbers) {
+            FileSource source(input.frame(f), read);
+            write.frame = f;
+            write.append = done > 0;
+            write_image(source, out, write, nullptr);
+            bar.update(++done, int(numbers.size()));
+        }
+        bar.finish();
+        return kExitOk;
+    }
     if (!out_sequence && numbers.size() > 1)
         throw UsageError("OUT needs a frame field, as in name.####.ext, to hold " + std::to_string(numbers.size()) +
                          " frames");
@@ -378,12 +499,14 @@ int run_convert(const std::vector<std::string> &args) {
     auto worker = [&] {
         for (int i; (i = next++) < count;) {
             try {
-                FileSource file(jobs_list[std::size_t(i)].from, read);
+                const Job &job = jobs_list[std::size_t(i)];
+                refuse_same_file(job.from, job.to);
+                FileSource file(job.from, read);
                 std::optional<ChannelSelect> picked;
                 if (!channels.empty()) picked.emplace(file, channels);
                 RowSource &source = picked ? static_cast<RowSource &>(*picked) : file;
-                write_image(source, jobs_list[std::size_t(i)].to, write, nullptr);
-                tell("wrote " + jobs_list[std::size_t(i)].to);
+                write_image(source, job.to, write, nullptr);
+                tell("wrote " + job.to);
             } catch (const std::exception &e) {
                 ++failed;
                 bar.finish();

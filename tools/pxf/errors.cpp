@@ -11,16 +11,20 @@
 namespace pxftool {
 namespace {
 
-thread_local std::string first_error;
+// A plain buffer: a thread-local object with a destructor needs an
+// allocation at first use, and glibc aborts when that one fails.
+thread_local char first_error[512];
 thread_local bool quiet = false;
 std::mutex print_lock;
 
+// Called from inside the library: nothing may be thrown through it.
 int tool_handler(const char *, int severity, const char *text, ERR_DESCRIPTOR *, void *) {
     if (!text || quiet) return 0;
     if (severity >= ERR_ERROR) {
-        if (first_error.empty()) first_error = text;
+        if (!first_error[0]) std::snprintf(first_error, sizeof first_error, "%s", text);
     } else if (severity == ERR_WARNING) {
-        warn(text);
+        std::lock_guard<std::mutex> hold(print_lock);
+        std::fprintf(stderr, "pxf: warning: %s\n", text);
     }
     return 0;  // handled: the default handler would print a second line
 }
@@ -35,8 +39,8 @@ void capture_reports() {
 }
 
 std::string take_report() {
-    std::string text;
-    text.swap(first_error);
+    std::string text = first_error;
+    first_error[0] = '\0';
     return text;
 }
 

@@ -1,6 +1,10 @@
 // pxf: look at, convert and make image files through the library's drivers.
+#include <pxf/utl.h>
+
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include <pxf/plugin.h>
 
@@ -16,6 +20,8 @@ const char *kHelp =
     "  info FILE...       describe image files (--json for scripts)\n"
     "  convert IN OUT     convert an image, or a frame sequence, to another format\n"
     "  make-sample OUT    write the built-in sample image\n"
+    "  mipmap IN OUT.rla  write a mipmapped texture (every level in one file)\n"
+    "  swatch IN OUT      write a small preview (--size N)\n"
     "\n"
     "'pxf COMMAND --help' shows the options of a command.  Format plug-ins are\n"
     "loaded from the directories of PXF_PLUGIN_PATH (separated by ':').\n"
@@ -25,9 +31,37 @@ const char *kHelp =
     "  --man              print the manual page (troff)\n"
     "  --completion bash  print the bash completion script\n";
 
+// Ctrl-C or a kill: remove the temporary files of unfinished outputs, then
+// end the way the signal would have.
+extern "C" void interrupted(int signal) {
+    UTL_tmp_cleanup();
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+int run(int argc, char **argv);
+
 }  // namespace
 
 int main(int argc, char **argv) {
+    struct sigaction on_signal = {};
+    on_signal.sa_handler = interrupted;
+    sigemptyset(&on_signal.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &on_signal, nullptr);
+    // Nothing may end in abort: however early memory runs out, one line and 1.
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc &) {
+        std::fputs("pxf: out of memory\n", stderr);
+    } catch (...) {
+        std::fputs("pxf: unexpected failure\n", stderr);
+    }
+    return pxftool::kExitFailed;
+}
+
+namespace {
+
+int run(int argc, char **argv) {
     using namespace pxftool;
     std::vector<std::string> args;
     try {
@@ -68,6 +102,8 @@ int main(int argc, char **argv) {
         else if (command == "info") run = run_info;
         else if (command == "convert") run = run_convert;
         else if (command == "make-sample") run = run_make_sample;
+        else if (command == "mipmap") run = run_mipmap;
+        else if (command == "swatch") run = run_swatch;
         else throw UsageError("unknown command \"" + command + "\" (see pxf --help)");
         capture_reports();
         load_plugins(argv[0]);
@@ -81,8 +117,14 @@ int main(int argc, char **argv) {
         std::fflush(stdout);
         std::fprintf(stderr, "pxf: %s\n", e.what());
         return kExitFailed;
+    } catch (const std::bad_alloc &) {
+        std::fflush(stdout);
+        std::fputs("pxf: out of memory\n", stderr);
+        return kExitFailed;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "pxf: %s\n", e.what());
         return kExitFailed;
     }
 }
+
+}  // namespace

@@ -51,6 +51,15 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
         image_ = nullptr;
         throw Failure(path + ": the file holds no image");
     }
+    try {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        select_image(image_, options, path);
+    } catch (...) {
+        std::lock_guard<std::mutex> hold(chain_lock);
+        PXF_close(image_);
+        image_ = nullptr;
+        throw;
+    }
     // The caller's rows receive the driver's own layout; operators hand
     // back rows of their own.  8-byte elements fit every element type.
     Layout native = layout_of(image_->info.images[0]);
@@ -66,6 +75,8 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             roomy = native;
             for (Group &g : roomy.group) g.type = PXF_C_DOUBLE;
         }
+        if (options.resize_width > 0 || options.resize_percent > 0.0 || options.fit_size > 0)
+            image_ = apply_resize(image_, options, path);
         if (options.gamma > 0.0f) {
             PXF_RESPONSE_CURVE wanted{};
             wanted.kind = PXF_CURVE_GAMMA;
@@ -86,6 +97,7 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             const PXF_CHAN_TYPE request[3] = {{PXF_C_INTEGER, options.quantize}, {PXF_C_INTEGER, options.quantize}, {0, 0}};
             image_ = PXF__quantize(image_, request);
         }
+        stack_colour_stages(image_, options, path);
     } catch (...) {
         std::lock_guard<std::mutex> hold(chain_lock);
         PXF_close(image_);

@@ -173,12 +173,17 @@ void apply_texts(PXF_INFO &info, const TextOptions &texts);
 struct WriteOptions {
     std::string key;         // output driver; empty: from the file name
     std::string compression; // passed to the driver in info.compression
+    int quality = 0;         // lossy drivers' quality 1..100 (a float setting); 0: the driver's default
     std::string program = "pxf";
     TextOptions texts;
+    int frame = -1;      // frame number to record, -1: the source's
+    bool append = false; // add to an existing multi-frame container
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
 // out of lines total.  Removes a partly written file on failure.
+// Fails when `out` names the same file as `in`: writing it would destroy the input.
+void refuse_same_file(const std::string &in, const std::string &out);
 void write_image(RowSource &source, const std::string &path, const WriteOptions &options,
                  const std::function<void(int, int)> &progress);
 
@@ -237,7 +242,33 @@ struct ReadOptions {
     float gamma = 0.0f; // 0: leave the gamma alone
     int quantize = 0;   // 0: no quantizing
     bool field = false;
+    // Colour options (colour.cpp).
+    int image = -1;     // -1: the first image, as the file has it
+    bool display = false;
+    bool luminance = false;
+    bool has_primaries = false;
+    float primaries[8] = {};  // red, green, blue, white: x, y
+    bool has_normalize = false;
+    float normalize[2] = {};  // low, high
+    // Resizing (texture.cpp): a size, a percentage or a longer side.
+    int resize_width = 0, resize_height = 0;
+    double resize_percent = 0.0;
+    int fit_size = 0;
+    std::string filter;  // empty: the library's default
 };
+
+// ---- Colour options (colour.cpp) ----
+
+// Takes --display, --luminance, --primaries, --image and --normalize (with
+// their values) at args[i]; false for any other argument.
+bool parse_colour_option(const std::vector<std::string> &args, std::size_t &i, ReadOptions &options);
+// --image: the chosen image of a file holding several.
+void select_image(PXF_IMAGE *image, const ReadOptions &options, const std::string &path);
+// --normalize, then --display / --luminance / --primaries.
+void stack_colour_stages(PXF_IMAGE *&image, const ReadOptions &options, const std::string &path);
+// Per-channel minimum and maximum through the min-max stage: printed, or as
+// a JSON array into json_out.
+void print_stats(PXF_IMAGE *image, const std::string &path, bool json, std::string *json_out);
 
 // An image file opened for reading, with the requested operators stacked.
 class FileSource : public RowSource {
@@ -275,6 +306,17 @@ int run_formats(const std::vector<std::string> &args);
 int run_info(const std::vector<std::string> &args);
 int run_convert(const std::vector<std::string> &args);
 int run_make_sample(const std::vector<std::string> &args);
+int run_mipmap(const std::vector<std::string> &args);
+int run_swatch(const std::vector<std::string> &args);
+
+// ---- Resizing (texture.cpp) ----
+
+// --resize WxH or N%; throws UsageError.
+void parse_resize(const std::string &text, ReadOptions &options);
+// A known filter name, or UsageError.
+std::string checked_filter(const std::string &name);
+// Stacks the scale operator for the options' size (if any) on `image`.
+PXF_IMAGE *apply_resize(PXF_IMAGE *image, const ReadOptions &options, const std::string &path);
 
 // ---- Progress (progress.cpp) ----
 
@@ -292,5 +334,14 @@ private:
     int last_percent_ = -1;
     bool shown_ = false;
 };
+
+// --crop X,Y,W,H: from the window's left and bottom, in pixels.
+struct Crop {
+    bool set = false;
+    int x = 0, y = 0, width = 0, height = 0;
+};
+Crop parse_crop(const std::string &text);
+// Writes the rectangle of `source` (clipped to its window) to `path`.
+void write_cropped(FileSource &source, const Crop &crop, const std::string &path, const WriteOptions &options);
 
 }  // namespace pxftool

@@ -1,9 +1,15 @@
 // Writing an image: pick the driver, fit the layout to it, stream the rows.
+#include <pxf/utl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
+
+#include <pxf/fmt.h>
 
 #include "tool.h"
 
@@ -16,17 +22,29 @@ const char *format_name(int group, int count) {
     return "depth";
 }
 
-// Closes a half-written image and removes the file when writing fails.
+// The image is written under a temporary name beside the output and renamed
+// over it only when complete, so a failure (or Ctrl-C) leaves an old file
+// as it was.  Devices, pipes and terminals are written directly and never
+// removed.
 struct OpenOutput {
     PXF_IMAGE *image = nullptr;
+    UTL_OUTPUT *staged = nullptr;
     std::string path;
+    std::string written;  // the name the driver writes, when it is not the staged one
     ~OpenOutput() {
-        if (!image) return;
-        QuietReports quiet;  // the real reason has been thrown already
-        PXF_close(image);
-        unlink(path.c_str());
+        if (image) {
+            QuietReports quiet;  // the real reason has been thrown already
+            PXF_close(image);
+        }
+        if (!written.empty()) unlink(written.c_str());  // a name made unique by the staged file
+        UTL_output_abandon(staged);  // removes only the temporary file
     }
 };
+
+// Whether the output goes through a temporary file: a regular file or a new name.
+bool staged_output(const std::string &path) {
+    return !UTL_file_exists(path.c_str()) || UTL_file_size(path.c_str()) >= 0;
+}
 
 }  // namespace
 
@@ -51,6 +69,14 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     PXF_IMAGE_DESC desc = source.desc();
     desc.aspect = nullptr;
     if (desc.curve.kind != PXF_CURVE_GAMMA) desc.curve = {PXF_CURVE_GAMMA, 1.0f, nullptr, 1, 256, PXF_C_INTEGER, 8, nullptr};
+    // Linear float colour (EXR, float TIFF) stored as integers is encoded
+    // with the default display gamma, as integer image files expect.
+    const float encode = from.group[kColour].type != PXF_C_INTEGER && to.group[kColour].type == PXF_C_INTEGER &&
+                                 desc.curve.gamma == 1.0f
+                             ? FMT_def_gamma()
+                             : 1.0f;
+    if (encode != 1.0f) desc.curve.gamma = encode;
+    ChannelBuffer encoded = encode != 1.0f ? ChannelBuffer(from, from.width) : ChannelBuffer();
     desc.curve.tables = nullptr;
     desc.image_kind = 1;
     desc.step = 1;
@@ -58,7 +84,11 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     apply_layout(desc, to);
     desc.chan.format = const_cast<char *>(format_name(kColour, to.group[kColour].count));
     desc.matte.format = const_cast<char *>(format_name(kMatte, to.group[kMatte].count));
-    desc.aux.format = const_cast<char *>(format_name(kAux, to.group[kAux].count));
+    // Auxiliary channels keep their names (an EXR's Z, N.x, ...) when all of them go along.
+    const char *aux_names = source.desc().aux.format;
+    desc.aux.format = aux_names && aux_names[0] && to.group[kAux].count == from.group[kAux].count
+                          ? const_cast<char *>(aux_names)
+                          : const_cast<char *>(format_name(kAux, to.group[kAux].count));
     desc.index.format = nullptr;
 
     // PXF_open copies everything it keeps, so the info may borrow strings.
@@ -78,6 +108,8 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
         std::memcpy(info.white_pt, in->white_pt, sizeof info.white_pt);
         info.frame = in->frame;
     }
+    if (options.frame >= 0) info.frame = options.frame;
+    info.option_flag = options.append;
     std::string key = driver->key;
     info.key = key.data();
     info.handle = const_cast<char *>(path.c_str());
@@ -86,13 +118,45 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     apply_texts(info, options.texts);
     info.num_images = 1;
     info.images = &desc;
+    // The quality goes to the driver as its float setting.
+    PXF_CAP_SETTING quality{};
+    PXF_CAP_SETTING *settings[2] = {&quality, nullptr};
+    if (options.quality > 0) {
+        quality.code = 1;
+        quality.value.real = float(options.quality);
+        info.specific = settings;
+    }
 
     take_report();
     OpenOutput out;
     out.path = path;
+    if (staged_output(path)) {
+        errno = 0;
+        if (!(out.staged = UTL_output_open(path.c_str())))
+            throw Failure(path + ": cannot write: " + std::strerror(errno ? errno : EIO));
+        info.handle = const_cast<char *>(UTL_output_name(out.staged));
+        // A driver that adds its extension to names without it would write
+        // beside the staged file: give it that name, renamed back at the end.
+        std::string staged = info.handle, ext = driver->extension ? driver->extension : "";
+        if (driver->add_extension && !ext.empty() &&
+            (staged.size() < ext.size() || staged.compare(staged.size() - ext.size(), ext.size(), ext) != 0)) {
+            out.written = staged + ext;
+            info.handle = out.written.data();
+        }
+    }
     out.image = PXF_open(&info, "w");
     PXF_info_cleanup(&info, 0);
-    if (!out.image) fail_with_report(path, "cannot write");
+    // Reports name the file the driver writes; the user knows it by `path`.
+    auto failed = [&](const std::string &fallback) {
+        std::string reason = take_report();
+        for (const std::string &name : {out.written, std::string(out.staged ? UTL_output_name(out.staged) : "")})
+            for (std::size_t at; !name.empty() && (at = reason.find(name)) != std::string::npos;)
+                reason.replace(at, name.size(), path);
+        if (reason.empty()) reason = fallback;
+        if (reason.compare(0, path.size() + 2, path + ": ") == 0) throw Failure(reason);
+        throw Failure(path + ": " + reason);
+    };
+    if (!out.image) failed("cannot write");
 
     const Layout &stored = to;
     ChannelBuffer rows(stored, stored.width);
@@ -101,10 +165,24 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     int total = stored.height, done = 0;
     auto line_at = [&](int i, bool up) { return up ? w.bottom + i : w.top - i; };
     auto put = [&](int line, void *const *src_rows) {
+        if (encode != 1.0f) {
+            convert_rows(src_rows, from, encoded.rows(), from);
+            for (int c = 0; c < from.group[kColour].count; ++c)
+                for (int x = 0; x < from.width; ++x) {
+                    if (from.group[kColour].type == PXF_C_DOUBLE) {
+                        double &v = static_cast<double *>(encoded.rows()[c])[x];
+                        v = v > 0.0 ? std::pow(v, 1.0 / encode) : 0.0;
+                    } else {
+                        float &v = static_cast<float *>(encoded.rows()[c])[x];
+                        v = v > 0.0f ? std::pow(v, 1.0f / encode) : 0.0f;
+                    }
+                }
+            src_rows = encoded.rows();
+        }
         convert_rows(src_rows, from, rows.rows(), stored);
         void **r = rows.rows();
         if (PXF_scan_write(out.image, line, &r) < 0)
-            fail_with_report(path, "cannot write scanline " + std::to_string(line));
+            failed("cannot write scanline " + std::to_string(line));
         if (progress) progress(++done, total);
     };
     if (source.bottom_up() == writer_up) {
@@ -127,10 +205,24 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     }
     PXF_IMAGE *image = out.image;
     out.image = nullptr;
-    if (PXF_close(image) != 0) {
-        unlink(path.c_str());
-        fail_with_report(path, "cannot finish writing");
+    if (PXF_close(image) != 0) failed("cannot finish writing");
+    if (!out.written.empty()) {
+        if (std::rename(out.written.c_str(), UTL_output_name(out.staged)) != 0)
+            throw Failure(path + ": cannot finish writing: " + std::strerror(errno));
+        out.written.clear();
     }
+    if (out.staged) {
+        UTL_OUTPUT *staged = out.staged;
+        out.staged = nullptr;
+        errno = 0;
+        if (UTL_output_commit(staged) != 0)
+            throw Failure(path + ": cannot finish writing: " + std::strerror(errno ? errno : EIO));
+    }
+}
+
+void refuse_same_file(const std::string &in, const std::string &out) {
+    if (UTL_same_file(in.c_str(), out.c_str()))
+        throw Failure(out + ": is the input file; write to another name (the input would be lost)");
 }
 
 }  // namespace pxftool

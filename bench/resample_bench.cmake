@@ -1,0 +1,11 @@
+# libvips, the peer of the resampling benchmark, when the machine has it.
+find_package(PkgConfig)
+if(PKG_CONFIG_FOUND)
+  pkg_check_modules(VIPS IMPORTED_TARGET vips)
+endif()
+if(VIPS_FOUND)
+  target_link_libraries(resample_bench PRIVATE PkgConfig::VIPS)
+  target_compile_definitions(resample_bench PRIVATE PXF_BENCH_VIPS)
+else()
+  message(STATUS "libvips not found: the resampling benchmark runs without its peer")
+endif()

@@ -1,0 +1,3 @@
+// The OpenEXR driver, fed arbitrary files.
+#define PLUGIN_NAME "exr"
+#include "driver_fuzz.h"

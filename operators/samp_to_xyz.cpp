@@ -1,0 +1,10 @@
+// Colour samples to XYZ channels, on a handle open for writing.
+#include <pxf/pxf.h>
+
+#include "operators/sample_channels.h"
+
+PXF_IMAGE *PXF__samp_to_xyz(PXF_IMAGE *image, int samples) {
+    return pxf::ops::samples::install(image, samples, PXF_OP_SAMP_TO_XYZ);
+}
+
+int PXF__samp_to_xyz_done(PXF_IMAGE *image) { return pxf::ops::samples::remove(image, PXF_OP_SAMP_TO_XYZ); }
