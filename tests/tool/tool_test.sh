@@ -212,8 +212,8 @@ conventions)
   expect 0 "$pxf" --completion bash
   bash -n out.txt || fail "the completion script does not parse"
   has 'convert) local opts=".*--frames'
-  ( PATH=$(dirname "$pxf"):$PATH; source out.txt; COMP_WORDS=(pxf convert --fr); COMP_CWORD=2; _pxf
-    [ "${COMPREPLY[*]}" = --frames ] ) || fail "completing --fr does not give --frames"
+  ( PATH=$(dirname "$pxf"):$PATH; source out.txt; COMP_WORDS=(pxf convert --stri); COMP_CWORD=2; _pxf
+    [ "${COMPREPLY[*]}" = --strip ] ) || fail "completing --stri does not give --strip"
   expect 2 "$pxf" --completion zsh
   # Extension spellings.
   expect 0 "$pxf" convert s.png s.TIFF
@@ -240,7 +240,7 @@ conventions)
   # A file nobody recognises names the formats that were tried.
   printf 'nothing to see' >junk.dat
   expect 1 "$pxf" info junk.dat
-  one_line_error 'tried png, tiff'
+  one_line_error 'png, tiff'
   ;;
 texts)
   # The user and host names go into a file only with --stamp; --attrib sets
