@@ -21,15 +21,15 @@ std::string channel_name(int group, int index, int count) {
 
 }  // namespace
 
-ChannelSelect::ChannelSelect(RowSource &inner, const std::string &spec) : inner_(inner) {
+ChannelSelect::ChannelSelect(RowSource &inner, const std::string &names) : inner_(inner) {
     const Layout &from = inner.layout();
     layout_ = from;
     for (Group &g : layout_.group) g.count = 0;
     std::vector<std::pair<int, int>> picked[3];  // per target group: (source group, index)
     std::string available;
     for (std::size_t start = 0;;) {
-        std::size_t comma = spec.find(',', start);
-        std::string name = spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        std::size_t comma = names.find(',', start);
+        std::string name = names.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
         for (char &c : name) c = char(std::toupper(static_cast<unsigned char>(c)));
         bool found = false;
         for (int g = 0; g < 3 && !found; ++g)

@@ -145,7 +145,7 @@ public:
 // the auxiliary channel; C0, A1, Z2 ... in groups of other sizes.
 class ChannelSelect : public RowSource {
 public:
-    ChannelSelect(RowSource &inner, const std::string &spec);
+    ChannelSelect(RowSource &inner, const std::string &names);
     const Layout &layout() const override { return layout_; }
     const PXF_IMAGE_DESC &desc() const override { return inner_.desc(); }
     const PXF_INFO *info() const override { return inner_.info(); }
