@@ -30,7 +30,7 @@
 
 namespace {
 
-namespace Imf = OPENEXR_IMF_NAMESPACE;
+namespace exrlib = OPENEXR_IMF_NAMESPACE;
 
 constexpr int kSize = 4096;
 
@@ -90,7 +90,7 @@ const std::vector<uint8_t> &bytes() {  // [y][c][x], RGB
 }
 
 const char *kCompression[] = {"zip", "piz"};
-const Imf::Compression kImf[] = {Imf::ZIP_COMPRESSION, Imf::PIZ_COMPRESSION};
+const exrlib::Compression kCompressions[] = {exrlib::ZIP_COMPRESSION, exrlib::PIZ_COMPRESSION};
 
 // ---- EXR ----
 
@@ -136,17 +136,17 @@ void ExrWriteDirect(benchmark::State &state) {
     const int lines = state.range(0) == 0 ? 16 : 32;
     std::vector<Imath::half> block(std::size_t(lines) * kSize * 4);
     for (auto _ : state) {
-        Imf::Header h(kSize, kSize, 1.0f, Imath::V2f(0, 0), 1.0f, Imf::INCREASING_Y, kImf[state.range(0)]);
-        for (const char *n : names) h.channels().insert(n, Imf::Channel(Imf::HALF));
-        Imf::OutputFile out(path.c_str(), h);
+        exrlib::Header h(kSize, kSize, 1.0f, Imath::V2f(0, 0), 1.0f, exrlib::INCREASING_Y, kCompressions[state.range(0)]);
+        for (const char *n : names) h.channels().insert(n, exrlib::Channel(exrlib::HALF));
+        exrlib::OutputFile out(path.c_str(), h);
         for (int y0 = 0; y0 < kSize; y0 += lines) {
             for (int y = y0; y < y0 + lines; ++y)
                 for (int c = 0; c < 4; ++c)
                     for (int x = 0; x < kSize; ++x)
                         block[(std::size_t(c) * lines + (y - y0)) * kSize + x] = Imath::half(p[(std::size_t(y) * 4 + c) * kSize + x]);
-            Imf::FrameBuffer fb;
+            exrlib::FrameBuffer fb;
             for (int c = 0; c < 4; ++c)
-                fb.insert(names[c], Imf::Slice(Imf::HALF,
+                fb.insert(names[c], exrlib::Slice(exrlib::HALF,
                                                reinterpret_cast<char *>(&block[std::size_t(c) * lines * kSize]) -
                                                    std::ptrdiff_t(y0) * kSize * 2,
                                                2, std::size_t(kSize) * 2));
@@ -188,11 +188,11 @@ void ExrReadDirect(benchmark::State &state) {
     std::vector<float> block(std::size_t(lines) * kSize * 4);
     double sum = 0;
     for (auto _ : state) {
-        Imf::InputFile in(path.c_str());
+        exrlib::InputFile in(path.c_str());
         for (int y0 = 0; y0 < kSize; y0 += lines) {
-            Imf::FrameBuffer fb;
+            exrlib::FrameBuffer fb;
             for (int c = 0; c < 4; ++c)
-                fb.insert(names[c], Imf::Slice(Imf::FLOAT,
+                fb.insert(names[c], exrlib::Slice(exrlib::FLOAT,
                                                reinterpret_cast<char *>(&block[std::size_t(c) * lines * kSize]) -
                                                    std::ptrdiff_t(y0) * kSize * 4,
                                                4, std::size_t(kSize) * 4));
@@ -211,14 +211,14 @@ void prepare_exr_files() {
         for (int k = 0; k < 2; ++k) {
             const auto &p = planes();
             const char *names[4] = {"R", "G", "B", "A"};
-            Imf::Header h(kSize, kSize, 1.0f, Imath::V2f(0, 0), 1.0f, Imf::INCREASING_Y, kImf[k]);
-            for (const char *n : names) h.channels().insert(n, Imf::Channel(Imf::HALF));
+            exrlib::Header h(kSize, kSize, 1.0f, Imath::V2f(0, 0), 1.0f, exrlib::INCREASING_Y, kCompressions[k]);
+            for (const char *n : names) h.channels().insert(n, exrlib::Channel(exrlib::HALF));
             std::vector<Imath::half> all(std::size_t(kSize) * kSize * 4);
             for (std::size_t i = 0; i < all.size(); ++i) all[i] = Imath::half(p[i]);
-            Imf::OutputFile out(scratch(k ? "read_piz.exr" : "read_zip.exr").c_str(), h);
-            Imf::FrameBuffer fb;
+            exrlib::OutputFile out(scratch(k ? "read_piz.exr" : "read_zip.exr").c_str(), h);
+            exrlib::FrameBuffer fb;
             for (int c = 0; c < 4; ++c)
-                fb.insert(names[c], Imf::Slice(Imf::HALF, reinterpret_cast<char *>(&all[std::size_t(c) * kSize]), 2,
+                fb.insert(names[c], exrlib::Slice(exrlib::HALF, reinterpret_cast<char *>(&all[std::size_t(c) * kSize]), 2,
                                                std::size_t(kSize) * 2 * 4));
             out.setFrameBuffer(fb);
             out.writePixels(kSize);

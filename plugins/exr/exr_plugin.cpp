@@ -83,7 +83,7 @@ int imageIsFile(const char *path, void *stream);
 
 namespace {
 
-namespace Imf = OPENEXR_IMF_NAMESPACE;
+namespace exrlib = OPENEXR_IMF_NAMESPACE;
 namespace Imath = IMATH_NAMESPACE;
 
 // Damaged or hostile headers must not make us allocate without bound: sides
@@ -98,8 +98,8 @@ struct Channel {
     std::string name;
     Group group;
     int index;                 // caller's row index (colour, matte, aux order)
-    Imf::PixelType file_type;  // as stored
-    Imf::PixelType slice_type; // as held in our block (FLOAT or UINT)
+    exrlib::PixelType file_type;  // as stored
+    exrlib::PixelType slice_type; // as held in our block (FLOAT or UINT)
 };
 
 struct File;
@@ -120,9 +120,9 @@ struct Part {
     int tiles_across = 0, tile_width = 0;
     exr_decode_pipeline_t decoder = EXR_DECODE_PIPELINE_INITIALIZER;
     bool decoder_ready = false;
-    std::unique_ptr<Imf::InputPart> input; // DWA parts (see read_part)
-    std::unique_ptr<Imf::OutputPart> output;
-    std::unique_ptr<Imf::TiledOutputPart> tiled_output;
+    std::unique_ptr<exrlib::InputPart> input; // DWA parts (see read_part)
+    std::unique_ptr<exrlib::OutputPart> output;
+    std::unique_ptr<exrlib::TiledOutputPart> tiled_output;
     // Writing.
     PXF_CHAN_GROUP groups[3]{};
     double gamma = 1.0;
@@ -135,8 +135,8 @@ struct File {
     std::string temp; // name being written, renamed to path when complete
     bool writing = false;
     exr_context_t core = nullptr; // reading
-    std::unique_ptr<Imf::MultiPartInputFile> dwa_input;
-    std::unique_ptr<Imf::MultiPartOutputFile> output;
+    std::unique_ptr<exrlib::MultiPartInputFile> dwa_input;
+    std::unique_ptr<exrlib::MultiPartOutputFile> output;
     std::vector<std::unique_ptr<Part>> parts;
 };
 
@@ -155,15 +155,15 @@ int scan_error(int code) {
     return code;
 }
 
-int lines_per_chunk(Imf::Compression c) {
+int lines_per_chunk(exrlib::Compression c) {
     switch (c) {
-    case Imf::ZIP_COMPRESSION:
-    case Imf::PXR24_COMPRESSION: return 16;
-    case Imf::PIZ_COMPRESSION:
-    case Imf::B44_COMPRESSION:
-    case Imf::B44A_COMPRESSION:
-    case Imf::DWAA_COMPRESSION: return 32;
-    case Imf::DWAB_COMPRESSION: return 256;
+    case exrlib::ZIP_COMPRESSION:
+    case exrlib::PXR24_COMPRESSION: return 16;
+    case exrlib::PIZ_COMPRESSION:
+    case exrlib::B44_COMPRESSION:
+    case exrlib::B44A_COMPRESSION:
+    case exrlib::DWAA_COMPRESSION: return 32;
+    case exrlib::DWAB_COMPRESSION: return 256;
     default: return 1;
     }
 }
@@ -179,18 +179,18 @@ void take_text(char *&field, const std::string &text) {
 
 // Points every slice of `fb` at the block so that EXR rows first..first +
 // block_lines - 1 land in it.
-Imf::FrameBuffer frame_buffer(Part &p, int first) {
-    Imf::FrameBuffer fb;
+exrlib::FrameBuffer frame_buffer(Part &p, int first) {
+    exrlib::FrameBuffer fb;
     const ptrdiff_t row = ptrdiff_t(p.width) * 4;
     for (size_t c = 0; c < p.channels.size(); ++c) {
         char *plane = p.block.data() + c * p.plane_bytes();
         // The library addresses pixel (x, y) at base + x * 4 + y * row: the
         // base lies outside the block, as its interface requires.
-        ptrdiff_t step = p.channels[c].slice_type == Imf::HALF ? 2 : 4;
+        ptrdiff_t step = p.channels[c].slice_type == exrlib::HALF ? 2 : 4;
         char *base = reinterpret_cast<char *>(reinterpret_cast<uintptr_t>(plane) -
                                               uintptr_t(ptrdiff_t(p.data.min.x) * step + ptrdiff_t(first) * row));
-        Imf::PixelType type = p.channels[c].slice_type;
-        fb.insert(p.channels[c].name, Imf::Slice(type, base, type == Imf::HALF ? 2 : 4, size_t(row)));
+        exrlib::PixelType type = p.channels[c].slice_type;
+        fb.insert(p.channels[c].name, exrlib::Slice(type, base, type == exrlib::HALF ? 2 : 4, size_t(row)));
     }
     return fb;
 }
@@ -229,7 +229,7 @@ exr_result_t decode_chunk(Part &p, const exr_chunk_info_t &chunk, int first) {
         ch.user_pixel_stride = 4;
         ch.user_line_stride = int32_t(row);
         ch.user_bytes_per_element = 4;
-        ch.user_data_type = p.channels[size_t(c)].slice_type == Imf::UINT ? EXR_PIXEL_UINT : EXR_PIXEL_FLOAT;
+        ch.user_data_type = p.channels[size_t(c)].slice_type == exrlib::UINT ? EXR_PIXEL_UINT : EXR_PIXEL_FLOAT;
     }
     rc = exr_decoding_choose_default_routines(core, p.number, &p.decoder);
     if (rc == EXR_ERR_SUCCESS) rc = exr_decoding_run(core, p.number, &p.decoder);
@@ -303,8 +303,8 @@ void describe_group(const std::vector<Channel> &channels, Group group, const std
     for (const Channel &c : channels) {
         if (c.group != group) continue;
         ++count;
-        halves += c.file_type == Imf::HALF;
-        uints += c.file_type == Imf::UINT;
+        halves += c.file_type == exrlib::HALF;
+        uints += c.file_type == exrlib::UINT;
     }
     if (count && uints == count) set_group(g, format, count, PXF_C_INTEGER, 32);
     else set_group(g, format, count, PXF_C_FLOAT, count && halves == count ? 16 : 32);
@@ -331,13 +331,13 @@ bool classify(Part &p, const exr_attr_chlist_t &list, std::string &why, std::str
             why = "channel " + name + " is subsampled (not supported)";
             return false;
         }
-        Imf::PixelType type = ch.pixel_type == EXR_PIXEL_HALF    ? Imf::HALF
-                              : ch.pixel_type == EXR_PIXEL_FLOAT ? Imf::FLOAT
-                                                                 : Imf::UINT;
+        exrlib::PixelType type = ch.pixel_type == EXR_PIXEL_HALF    ? exrlib::HALF
+                              : ch.pixel_type == EXR_PIXEL_FLOAT ? exrlib::FLOAT
+                                                                 : exrlib::UINT;
         Group g = kAux;
         if (has_rgb ? (name == "R" || name == "G" || name == "B") : name == "Y") g = kColour;
         else if (name == "A") g = kMatte;
-        p.channels.push_back({name, g, 0, type, Imf::FLOAT});
+        p.channels.push_back({name, g, 0, type, exrlib::FLOAT});
         ++counts[g];
     }
     // Rows in group order; colour as R, G, B.
@@ -497,12 +497,12 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
         return false;
     }
     for (Channel &c : p.channels)
-        if (c.file_type == Imf::UINT) {
+        if (c.file_type == exrlib::UINT) {
             // A group of unsigned ints stays integer; one mixed with floats reads as float.
             int uints = 0, count = 0;
             for (const Channel &o : p.channels)
-                if (o.group == c.group) ++count, uints += o.file_type == Imf::UINT;
-            c.slice_type = uints == count ? Imf::UINT : Imf::FLOAT;
+                if (o.group == c.group) ++count, uints += o.file_type == exrlib::UINT;
+            c.slice_type = uints == count ? exrlib::UINT : exrlib::FLOAT;
         }
     if (double(p.plane_bytes()) * double(p.channels.size()) > double(kMaxBlockBytes)) {
         why = "the image is too large";
@@ -514,8 +514,8 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
         // at half the speed: the library's C++ reader does these, on a file
         // whose headers both we and the core have checked.
         if (!f.dwa_input && !fits_cpp_reader(f.path, why)) return false;
-        if (!f.dwa_input) f.dwa_input = std::make_unique<Imf::MultiPartInputFile>(f.path.c_str());
-        p.input = std::make_unique<Imf::InputPart>(*f.dwa_input, number);
+        if (!f.dwa_input) f.dwa_input = std::make_unique<exrlib::MultiPartInputFile>(f.path.c_str());
+        p.input = std::make_unique<exrlib::InputPart>(*f.dwa_input, number);
     }
     p.block.resize(p.plane_bytes() * p.channels.size());
     p.rows.resize(p.channels.size());
@@ -613,16 +613,16 @@ std::vector<std::string> names_for(const PXF_CHAN_GROUP &g, Group group) {
     return names;
 }
 
-bool parse_compression(const char *text, Imf::Compression &c) {
+bool parse_compression(const char *text, exrlib::Compression &c) {
     static const struct {
         const char *name;
-        Imf::Compression value;
-    } table[] = {{"none", Imf::NO_COMPRESSION},     {"rle", Imf::RLE_COMPRESSION},
-                 {"zips", Imf::ZIPS_COMPRESSION},   {"zip", Imf::ZIP_COMPRESSION},
-                 {"piz", Imf::PIZ_COMPRESSION},     {"pxr24", Imf::PXR24_COMPRESSION},
-                 {"b44", Imf::B44_COMPRESSION},     {"b44a", Imf::B44A_COMPRESSION},
-                 {"dwaa", Imf::DWAA_COMPRESSION},   {"dwab", Imf::DWAB_COMPRESSION}};
-    c = Imf::ZIP_COMPRESSION; // what the library leaves when the caller chose nothing
+        exrlib::Compression value;
+    } table[] = {{"none", exrlib::NO_COMPRESSION},     {"rle", exrlib::RLE_COMPRESSION},
+                 {"zips", exrlib::ZIPS_COMPRESSION},   {"zip", exrlib::ZIP_COMPRESSION},
+                 {"piz", exrlib::PIZ_COMPRESSION},     {"pxr24", exrlib::PXR24_COMPRESSION},
+                 {"b44", exrlib::B44_COMPRESSION},     {"b44a", exrlib::B44A_COMPRESSION},
+                 {"dwaa", exrlib::DWAA_COMPRESSION},   {"dwab", exrlib::DWAB_COMPRESSION}};
+    c = exrlib::ZIP_COMPRESSION; // what the library leaves when the caller chose nothing
     if (!usable_text(text)) return true;
     for (const auto &e : table)
         if (!strcasecmp(text, e.name)) {
@@ -632,11 +632,11 @@ bool parse_compression(const char *text, Imf::Compression &c) {
     return false;
 }
 
-Imf::PixelType file_type_of(const PXF_CHAN_GROUP &g) {
-    if (g.type == PXF_C_FLOAT && g.width == 16) return Imf::HALF;
-    if (g.type == PXF_C_INTEGER && g.width == 32) return Imf::UINT;
-    if (g.type == PXF_C_INTEGER) return Imf::HALF;
-    return Imf::FLOAT;
+exrlib::PixelType file_type_of(const PXF_CHAN_GROUP &g) {
+    if (g.type == PXF_C_FLOAT && g.width == 16) return exrlib::HALF;
+    if (g.type == PXF_C_INTEGER && g.width == 32) return exrlib::UINT;
+    if (g.type == PXF_C_INTEGER) return exrlib::HALF;
+    return exrlib::FLOAT;
 }
 
 // "{seconds}", the library's own date, as EXR's "YYYY:MM:DD HH:MM:SS".
@@ -679,7 +679,7 @@ bool check_group(const PXF_CHAN_GROUP &g, const char *what, std::string &why) {
     return true;
 }
 
-bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &d, Imf::Header &h,
+bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &d, exrlib::Header &h,
                std::string &why) {
     auto part = std::make_unique<Part>();
     Part &p = *part;
@@ -712,13 +712,13 @@ bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &
     p.groups[kColour] = d.chan, p.groups[kMatte] = d.matte, p.groups[kAux] = d.aux;
     p.gamma = d.curve.kind == PXF_CURVE_GAMMA && d.curve.gamma > 0.0f ? d.curve.gamma : 1.0;
 
-    Imf::Compression compression;
+    exrlib::Compression compression;
     if (!parse_compression(info.compression, compression)) {
         why = std::string("unknown EXR compression \"") + info.compression +
               "\" (none, rle, zips, zip, piz, pxr24, b44, b44a, dwaa, dwab)";
         return false;
     }
-    h = Imf::Header(p.display, p.data, 1.0f, Imath::V2f(0, 0), 1.0f, Imf::INCREASING_Y, compression);
+    h = exrlib::Header(p.display, p.data, 1.0f, Imath::V2f(0, 0), 1.0f, exrlib::INCREASING_Y, compression);
     if (d.aspect_ratio > 0.0f && d.x_res > 0 && d.y_res > 0) {
         float pixel = float(double(d.aspect_ratio) * d.y_res / d.x_res);
         if (std::isfinite(pixel) && pixel > 1e-6f && std::fabs(pixel - 1.0f) > 0.005f) h.pixelAspectRatio() = pixel;
@@ -732,8 +732,8 @@ bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &
                 why = "channel name \"" + name + "\" given twice";
                 return false;
             }
-            Imf::PixelType type = file_type_of(*groups[g]);
-            h.channels().insert(name, Imf::Channel(type));
+            exrlib::PixelType type = file_type_of(*groups[g]);
+            h.channels().insert(name, exrlib::Channel(type));
             // The library writes a channel only from a slice of its own type.
             p.channels.push_back({name, Group(g), index++, type, type});
         }
@@ -744,7 +744,7 @@ bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &
         return false;
     }
     p.tiled = tile > 0;
-    if (p.tiled) h.setTileDescription(Imf::TileDescription(unsigned(tile), unsigned(tile), Imf::ONE_LEVEL));
+    if (p.tiled) h.setTileDescription(exrlib::TileDescription(unsigned(tile), unsigned(tile), exrlib::ONE_LEVEL));
     p.block_lines = p.tiled ? std::min(tile, p.height) : lines_per_chunk(compression);
     if (double(p.plane_bytes()) * double(p.channels.size()) > double(kMaxBlockBytes)) {
         why = "the image is too large";
@@ -753,20 +753,20 @@ bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &
     p.block.assign(p.plane_bytes() * p.channels.size(), 0);
     p.next_row = p.data.min.y;
     // Parts of one file must agree on these.
-    Imf::Chromaticities chroma(Imath::V2f(info.red_pri[0], info.red_pri[1]),
+    exrlib::Chromaticities chroma(Imath::V2f(info.red_pri[0], info.red_pri[1]),
                                Imath::V2f(info.green_pri[0], info.green_pri[1]),
                                Imath::V2f(info.blue_pri[0], info.blue_pri[1]),
                                Imath::V2f(info.white_pt[0], info.white_pt[1]));
-    if (info.white_pt[1] > 0.0f && info.red_pri[1] > 0.0f) Imf::addChromaticities(h, chroma);
+    if (info.white_pt[1] > 0.0f && info.red_pri[1] > 0.0f) exrlib::addChromaticities(h, chroma);
     if (number == 0) {
-        if (usable_text(info.desc)) Imf::addComments(h, info.desc);
-        if (usable_text(info.user)) Imf::addOwner(h, info.user);
+        if (usable_text(info.desc)) exrlib::addComments(h, info.desc);
+        if (usable_text(info.user)) exrlib::addOwner(h, info.user);
         std::string date = cap_date(info.date);
-        if (!date.empty()) Imf::addCapDate(h, date);
-        if (usable_text(info.program)) h.insert("software", Imf::StringAttribute(info.program));
-        if (usable_text(info.machine)) h.insert("hostComputer", Imf::StringAttribute(info.machine));
+        if (!date.empty()) exrlib::addCapDate(h, date);
+        if (usable_text(info.program)) h.insert("software", exrlib::StringAttribute(info.program));
+        if (usable_text(info.machine)) h.insert("hostComputer", exrlib::StringAttribute(info.machine));
     }
-    h.setType(p.tiled ? Imf::TILEDIMAGE : Imf::SCANLINEIMAGE);
+    h.setType(p.tiled ? exrlib::TILEDIMAGE : exrlib::SCANLINEIMAGE);
     if (info.num_images > 1)
         h.setName(number == 0 && usable_text(info.name) ? std::string(info.name) : "image" + std::to_string(number + 1));
     f.parts.push_back(std::move(part));
@@ -778,12 +778,12 @@ double top_of(int width) { return width >= 32 ? 4294967295.0 : double((1ull << w
 // One caller row into the channel's row of the block, in the file's type.
 void put_row(const Part &p, const Channel &c, const void *src, char *dst) {
     const PXF_CHAN_GROUP &g = p.groups[c.group];
-    if (c.slice_type == Imf::UINT || (c.slice_type == Imf::FLOAT && g.type == PXF_C_FLOAT)) {
+    if (c.slice_type == exrlib::UINT || (c.slice_type == exrlib::FLOAT && g.type == PXF_C_FLOAT)) {
         memcpy(dst, src, size_t(p.width) * 4);
         return;
     }
     auto put = [&](int x, float v) {
-        if (c.slice_type == Imf::HALF) reinterpret_cast<Imath::half *>(dst)[x] = Imath::half(v);
+        if (c.slice_type == exrlib::HALF) reinterpret_cast<Imath::half *>(dst)[x] = Imath::half(v);
         else reinterpret_cast<float *>(dst)[x] = v;
     };
     if (g.type == PXF_C_FLOAT) {
@@ -949,7 +949,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     f->writing = true;
     try {
         int count = image->info.num_images;
-        std::vector<Imf::Header> headers(static_cast<size_t>(count));
+        std::vector<exrlib::Header> headers(static_cast<size_t>(count));
         std::string why;
         for (int i = 0; i < count; ++i)
             if (!plan_part(*f, i, image->info, image->info.images[i], headers[size_t(i)], why)) {
@@ -963,11 +963,11 @@ int imageWriteOpen(PXF_IMAGE *image) {
         fchmod(fd, new_file_mode());
         close(fd);
         f->temp = temp;
-        f->output = std::make_unique<Imf::MultiPartOutputFile>(temp.c_str(), headers.data(), count);
+        f->output = std::make_unique<exrlib::MultiPartOutputFile>(temp.c_str(), headers.data(), count);
         for (int i = 0; i < count; ++i) {
             Part &p = *f->parts[size_t(i)];
-            if (p.tiled) p.tiled_output = std::make_unique<Imf::TiledOutputPart>(*f->output, i);
-            else p.output = std::make_unique<Imf::OutputPart>(*f->output, i);
+            if (p.tiled) p.tiled_output = std::make_unique<exrlib::TiledOutputPart>(*f->output, i);
+            else p.output = std::make_unique<exrlib::OutputPart>(*f->output, i);
         }
         if (!attach(image, f, count)) return open_failed(f, image, "out of memory");
     } catch (const std::exception &e) {

@@ -20,7 +20,7 @@
 namespace pxf::test {
 namespace {
 
-namespace Imf = OPENEXR_IMF_NAMESPACE;
+namespace exrlib = OPENEXR_IMF_NAMESPACE;
 using Box = IMATH_NAMESPACE::Box2i;
 using V2i = IMATH_NAMESPACE::V2i;
 
@@ -31,40 +31,40 @@ double value(int c, int x, int y) { return ((x * 7 + y * 13 + c * 29) % 1024) / 
 
 struct FileChannel {
     const char *name;
-    Imf::PixelType type;
+    exrlib::PixelType type;
 };
 
 // Writes an EXR with the OpenEXR library alone; channel c holds value(c, x, y)
 // for the pixel at x - data.min.x, y - data.min.y.
 void write_reference(const std::string &path, const std::vector<FileChannel> &channels, const Box &data,
-                     const Box &display, int tile = 0, Imf::Compression compression = Imf::ZIP_COMPRESSION) {
-    Imf::Header h(display, data, 1.0f, IMATH_NAMESPACE::V2f(0, 0), 1.0f, Imf::INCREASING_Y, compression);
+                     const Box &display, int tile = 0, exrlib::Compression compression = exrlib::ZIP_COMPRESSION) {
+    exrlib::Header h(display, data, 1.0f, IMATH_NAMESPACE::V2f(0, 0), 1.0f, exrlib::INCREASING_Y, compression);
     const int w = data.max.x - data.min.x + 1, rows = data.max.y - data.min.y + 1;
     std::vector<std::vector<char>> planes;
-    Imf::FrameBuffer fb;
+    exrlib::FrameBuffer fb;
     for (std::size_t c = 0; c < channels.size(); ++c) {
-        h.channels().insert(channels[c].name, Imf::Channel(channels[c].type));
+        h.channels().insert(channels[c].name, exrlib::Channel(channels[c].type));
         planes.emplace_back(std::size_t(w) * rows * 4);
         for (int y = 0; y < rows; ++y)
             for (int x = 0; x < w; ++x) {
                 char *at = planes[c].data() + (std::size_t(y) * w + x) * 4;
                 double v = value(int(c), x, y);
-                if (channels[c].type == Imf::HALF) *reinterpret_cast<Imath::half *>(at) = Imath::half(float(v));
-                else if (channels[c].type == Imf::FLOAT) *reinterpret_cast<float *>(at) = float(v);
+                if (channels[c].type == exrlib::HALF) *reinterpret_cast<Imath::half *>(at) = Imath::half(float(v));
+                else if (channels[c].type == exrlib::FLOAT) *reinterpret_cast<float *>(at) = float(v);
                 else *reinterpret_cast<uint32_t *>(at) = uint32_t(v * 64);
             }
         char *base = planes[c].data() - (std::ptrdiff_t(data.min.x) + std::ptrdiff_t(data.min.y) * w) * 4;
-        fb.insert(channels[c].name, Imf::Slice(channels[c].type, base, 4, std::size_t(w) * 4));
+        fb.insert(channels[c].name, exrlib::Slice(channels[c].type, base, 4, std::size_t(w) * 4));
     }
-    Imf::addComments(h, "from the library");
-    Imf::addChromaticities(h, Imf::Chromaticities({0.64f, 0.33f}, {0.3f, 0.6f}, {0.15f, 0.06f}, {0.3127f, 0.329f}));
+    exrlib::addComments(h, "from the library");
+    exrlib::addChromaticities(h, exrlib::Chromaticities({0.64f, 0.33f}, {0.3f, 0.6f}, {0.15f, 0.06f}, {0.3127f, 0.329f}));
     if (tile) {
-        h.setTileDescription(Imf::TileDescription(tile, tile));
-        Imf::TiledOutputFile out(path.c_str(), h);
+        h.setTileDescription(exrlib::TileDescription(tile, tile));
+        exrlib::TiledOutputFile out(path.c_str(), h);
         out.setFrameBuffer(fb);
         out.writeTiles(0, out.numXTiles() - 1, 0, out.numYTiles() - 1);
     } else {
-        Imf::OutputFile out(path.c_str(), h);
+        exrlib::OutputFile out(path.c_str(), h);
         out.setFrameBuffer(fb);
         out.writePixels(rows);
     }
@@ -72,19 +72,19 @@ void write_reference(const std::string &path, const std::vector<FileChannel> &ch
 
 // Every channel of part `part` as floats, rows top down, through the library alone.
 std::vector<std::vector<float>> read_reference(const std::string &path, std::vector<std::string> &names, int part = 0) {
-    Imf::MultiPartInputFile file(path.c_str());
-    Imf::InputPart in(file, part);
+    exrlib::MultiPartInputFile file(path.c_str());
+    exrlib::InputPart in(file, part);
     Box dw = in.header().dataWindow();
     const int w = dw.max.x - dw.min.x + 1, rows = dw.max.y - dw.min.y + 1;
     std::vector<std::vector<float>> planes;
-    Imf::FrameBuffer fb;
+    exrlib::FrameBuffer fb;
     names.clear();
     for (auto it = in.header().channels().begin(); it != in.header().channels().end(); ++it) {
         names.push_back(it.name());
         planes.emplace_back(std::size_t(w) * rows);
     }
     for (std::size_t c = 0; c < names.size(); ++c)
-        fb.insert(names[c], Imf::Slice(Imf::FLOAT, reinterpret_cast<char *>(planes[c].data() - dw.min.x - std::ptrdiff_t(dw.min.y) * w),
+        fb.insert(names[c], exrlib::Slice(exrlib::FLOAT, reinterpret_cast<char *>(planes[c].data() - dw.min.x - std::ptrdiff_t(dw.min.y) * w),
                                        4, std::size_t(w) * 4));
     in.setFrameBuffer(fb);
     in.readPixels(dw.min.y, dw.max.y);
@@ -96,11 +96,11 @@ PXF_IMAGE *open_read(Request &r, const std::string &path) { return r.set("exr", 
 TEST_F(ExrDriver, ReadsScanlineAndTiledFilesTheLibraryWritesWithWindowsChannelsAndAttributes) {
     const std::string path = dir.file("ref.exr");
     // Sorted as the file sorts them: A, B, G, N.x, R, Z.
-    const std::vector<FileChannel> channels = {{"A", Imf::HALF}, {"B", Imf::HALF}, {"G", Imf::HALF},
-                                               {"N.x", Imf::FLOAT}, {"R", Imf::HALF}, {"Z", Imf::FLOAT}};
+    const std::vector<FileChannel> channels = {{"A", exrlib::HALF}, {"B", exrlib::HALF}, {"G", exrlib::HALF},
+                                               {"N.x", exrlib::FLOAT}, {"R", exrlib::HALF}, {"Z", exrlib::FLOAT}};
     const int colour_of[3] = {4, 2, 1};  // R, G, B among the file's channels
     for (int tile : {0, 8})
-        for (Imf::Compression compression : {Imf::NO_COMPRESSION, Imf::PIZ_COMPRESSION}) {
+        for (exrlib::Compression compression : {exrlib::NO_COMPRESSION, exrlib::PIZ_COMPRESSION}) {
             SCOPED_TRACE(testing::Message() << "tile " << tile << ", compression " << compression);
             // Overscan around a display window with a negative origin.
             write_reference(path, channels, Box(V2i(-12, -5), V2i(30, 20)), Box(V2i(-10, -3), V2i(25, 17)), tile,
@@ -143,7 +143,7 @@ TEST_F(ExrDriver, ReadsScanlineAndTiledFilesTheLibraryWritesWithWindowsChannelsA
             PXF_close(image);
         }
     // Unsigned ints read as 32-bit integers; Y alone is grey.
-    write_reference(path, {{"Y", Imf::UINT}}, Box(V2i(0, 0), V2i(9, 4)), Box(V2i(0, 0), V2i(9, 4)));
+    write_reference(path, {{"Y", exrlib::UINT}}, Box(V2i(0, 0), V2i(9, 4)), Box(V2i(0, 0), V2i(9, 4)));
     Pixels p;
     ASSERT_TRUE(read_image(path, "exr", p));
     EXPECT_EQ(std::vector<int>({p.chan.count, p.chan.type, p.chan.width, p.matte.count, p.aux.count}),
@@ -216,7 +216,7 @@ TEST_F(ExrDriver, WritesEveryCompressionScanlineOrTiledAsTheLibraryAndItsToolsRe
 
 TEST_F(ExrDriver, ExrmaketiledOutputAndMultiPartFilesRead) {
     const std::string scan = dir.file("scan.exr"), tiled = dir.file("tiled.exr");
-    write_reference(scan, {{"B", Imf::HALF}, {"G", Imf::HALF}, {"R", Imf::HALF}}, Box(V2i(0, 0), V2i(40, 30)),
+    write_reference(scan, {{"B", exrlib::HALF}, {"G", exrlib::HALF}, {"R", exrlib::HALF}}, Box(V2i(0, 0), V2i(40, 30)),
                     Box(V2i(0, 0), V2i(40, 30)));
     ASSERT_EQ(std::system(("exrmaketiled -t 16 16 '" + scan + "' '" + tiled + "' >/dev/null 2>&1").c_str()), 0);
     Pixels p;
@@ -261,7 +261,7 @@ TEST_F(ExrDriver, ExrmaketiledOutputAndMultiPartFilesRead) {
 
 TEST_F(ExrDriver, DamagedOrHostileFilesAndBadRequestsFailWithOneLineReports) {
     const std::string good = dir.file("good.exr"), path = dir.file("bad.exr");
-    write_reference(good, {{"G", Imf::HALF}, {"R", Imf::HALF}, {"B", Imf::HALF}}, Box(V2i(0, 0), V2i(63, 63)),
+    write_reference(good, {{"G", exrlib::HALF}, {"R", exrlib::HALF}, {"B", exrlib::HALF}}, Box(V2i(0, 0), V2i(63, 63)),
                     Box(V2i(0, 0), V2i(63, 63)));
     const std::string bytes = read_file(good);
     std::string header = bytes, huge = bytes, garbled = bytes;
