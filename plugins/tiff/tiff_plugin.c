@@ -30,7 +30,8 @@ const char *imageExtension = ".tif";
 const char *imageName = "Tagged Image File Format";
 const char *imageDescription = "grey/RGB + extra channels; 8/16/32-bit integer, 32-bit float; none, LZW, Deflate, PackBits";
 int imageOrientation = 0; /* scanlines top down */
-int imageAccess = PXF_ACCESS_READ | PXF_ACCESS_WRITE;
+/* Rows are read in any order: each comes from its strip, decoded on demand. */
+int imageAccess = PXF_ACCESS_READ | PXF_ACCESS_WRITE | PXF_ACCESS_RANDOM;
 int imageNumberOfChannels = 3;
 int imageBitsPerChannel = 32;
 int imageNumberOfMattes = 4;
@@ -278,7 +279,10 @@ static TIFF *open_bounded(const char *path, size_t *file_bytes) {
     if (!options) return NULL;
     if (*file_bytes && justified(*file_bytes) < (double)((tmsize_t)1 << 40))
         TIFFOpenOptionsSetMaxSingleMemAlloc(options, (tmsize_t)justified(*file_bytes));
-    tif = TIFFOpenExt(path, "r", options);
+    /* "m": no memory map of the file; strips are read as they are needed,
+     * so a large file does not sit in the address space (nor in the
+     * resident size) while it is read. */
+    tif = TIFFOpenExt(path, "rm", options);
     TIFFOpenOptionsFree(options);
     return tif;
 }
