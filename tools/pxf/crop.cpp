@@ -42,6 +42,7 @@ public:
     const PXF_IMAGE_DESC &desc() const override { return desc_; }
     const PXF_INFO *info() const override { return source_.info(); }
     bool bottom_up() const override { return true; }
+    bool random_access() const override { return true; }
     void *const *row(int line) override { return held_[std::size_t(line - rect_.ymin)].rows(); }
 
 private:

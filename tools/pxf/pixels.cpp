@@ -39,12 +39,6 @@ void store(void *row, const Group &g, int x, double v) {
     }
 }
 
-int element_size(const Group &g) {
-    if (g.type == PXF_C_FLOAT) return 4;
-    if (g.type == PXF_C_DOUBLE) return 8;
-    return g.width <= 8 ? 1 : g.width <= 16 ? 2 : 4;
-}
-
 void convert_row(const void *src, const Group &from, void *dst, const Group &to, int n) {
     if (from.type == to.type && element_size(from) == element_size(to) &&
         (from.type != PXF_C_INTEGER || from.width == to.width)) {
@@ -80,6 +74,12 @@ Group fit_group(const Group &from, int count_limit, int bits_limit) {
 }
 
 }  // namespace
+
+int element_size(const Group &g) {
+    if (g.type == PXF_C_FLOAT) return 4;
+    if (g.type == PXF_C_DOUBLE) return 8;
+    return g.width <= 8 ? 1 : g.width <= 16 ? 2 : 4;
+}
 
 Layout layout_of(const PXF_IMAGE_DESC &desc) {
     Layout l;

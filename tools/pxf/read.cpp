@@ -1,4 +1,5 @@
 // Reading an image file through the operators the command asked for.
+#include <pxf/plugin.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,6 +52,10 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
         image_ = nullptr;
         throw Failure(path + ": the file holds no image");
     }
+    // Operators read their input row by row as asked, so the stack takes
+    // rows in any order when the driver does; two fields make a new image.
+    constexpr int kRandomRead = PXF_ACCESS_READ | PXF_ACCESS_RANDOM;
+    random_ = image_->driver && (image_->driver->access & kRandomRead) == kRandomRead && !options.field;
     try {
         std::lock_guard<std::mutex> hold(chain_lock);
         select_image(image_, options, path);

@@ -39,6 +39,7 @@ public:
     const PXF_IMAGE_DESC &desc() const override { return desc_; }
     const PXF_INFO *info() const override { return &info_; }
     bool bottom_up() const override { return false; }
+    bool random_access() const override { return true; }
 
     void *const *row(int line) override {
         int w = layout_.width, h = layout_.height, y = h - 1 - line;  // y = 0 at the top

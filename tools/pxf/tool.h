@@ -105,6 +105,8 @@ struct Layout {
 Layout layout_of(const PXF_IMAGE_DESC &desc);
 void apply_layout(PXF_IMAGE_DESC &desc, const Layout &layout);
 const char *type_name(int type);
+// Bytes of one element of the group.
+int element_size(const Group &g);
 // Rows of `to` from rows of `from` (channel-row arrays in group order).
 void convert_rows(void *const *from_rows, const Layout &from, void *const *to_rows, const Layout &to);
 // The layout a driver can store, closest to `from`.
@@ -136,6 +138,8 @@ public:
     virtual const PXF_IMAGE_DESC &desc() const = 0; // window, curve, orientation
     virtual const PXF_INFO *info() const = 0;       // texts and primaries, or null
     virtual bool bottom_up() const = 0;
+    // Whether row() takes lines in any order (else only in bottom_up() order).
+    virtual bool random_access() const { return false; }
     // Rows of scanline `line` (window coordinates), valid until the next call.
     virtual void *const *row(int line) = 0;
 };
@@ -150,6 +154,7 @@ public:
     const PXF_IMAGE_DESC &desc() const override { return inner_.desc(); }
     const PXF_INFO *info() const override { return inner_.info(); }
     bool bottom_up() const override { return inner_.bottom_up(); }
+    bool random_access() const override { return inner_.random_access(); }
     void *const *row(int line) override;
 
 private:
@@ -279,6 +284,7 @@ public:
     const PXF_IMAGE_DESC &desc() const override { return image_->info.images[0]; }
     const PXF_INFO *info() const override { return &image_->info; }
     bool bottom_up() const override { return (desc().orientation & 1) != 0; }
+    bool random_access() const override { return random_; }
     void *const *row(int line) override;
     PXF_IMAGE *image() const { return image_; }
     const std::string &driver_key() const { return driver_key_; }
@@ -287,6 +293,7 @@ private:
     std::string path_;
     std::string driver_key_;
     PXF_IMAGE *image_ = nullptr;
+    bool random_ = false;
     Layout layout_;
     ChannelBuffer buffer_;
     void **rows_ = nullptr;

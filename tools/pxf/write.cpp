@@ -1,5 +1,7 @@
 // Writing an image: pick the driver, fit the layout to it, stream the rows.
+#include <fcntl.h>
 #include <pxf/utl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +9,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <pxf/fmt.h>
@@ -39,6 +42,67 @@ struct OpenOutput {
         if (!written.empty()) unlink(written.c_str());  // a name made unique by the staged file
         UTL_output_abandon(staged);  // removes only the temporary file
     }
+};
+
+// Rows of a source that reads only in the order opposite to the writer's
+// wait here: an unnamed file (removed from its directory at once, so it goes
+// with the process whatever happens), one fixed-size record per row.  The
+// heap holds one row whatever the image size.
+class SpillFile {
+public:
+    SpillFile(const std::string &output, const Layout &layout) {
+        for (int k = 0; k < 3; ++k)
+            for (int c = 0; c < layout.group[k].count; ++c)
+                sizes_.push_back(std::size_t(layout.width) * std::size_t(element_size(layout.group[k])));
+        for (std::size_t n : sizes_) record_ += n;
+        // $TMPDIR when set, else beside the output (the disk that takes the
+        // output has room for its rows; /tmp is often memory).
+        std::string dir;
+        if (const char *tmp = std::getenv("TMPDIR"); tmp && *tmp) dir = tmp;
+        else {
+            std::size_t slash = output.rfind('/');
+            dir = slash == std::string::npos ? "." : slash == 0 ? "/" : output.substr(0, slash);
+        }
+        std::string name = dir + "/.~pxf-rows-XXXXXX";
+        fd_ = mkstemp(name.data());
+        if (fd_ < 0) throw Failure(dir + ": cannot make a temporary file for the rows: " + std::strerror(errno));
+        unlink(name.c_str());
+    }
+    SpillFile(const SpillFile &) = delete;
+    SpillFile &operator=(const SpillFile &) = delete;
+    ~SpillFile() { close(fd_); }
+    std::size_t record() const { return record_; }
+
+    void put(std::size_t index, void *const *rows) { move(index, rows, true); }
+    void get(std::size_t index, void *const *rows) { move(index, rows, false); }
+
+private:
+    void move(std::size_t index, void *const *rows, bool out) {
+        std::vector<iovec> parts(sizes_.size());
+        for (std::size_t c = 0; c < sizes_.size(); ++c) parts[c] = {rows[c], sizes_[c]};
+        off_t at = off_t(index * record_);
+        std::size_t left = record_, first = 0;
+        while (left > 0) {
+            ssize_t n = out ? pwritev(fd_, parts.data() + first, int(parts.size() - first), at)
+                            : preadv(fd_, parts.data() + first, int(parts.size() - first), at);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0)
+                throw Failure(std::string("temporary file of the rows: cannot ") + (out ? "write" : "read") + ": " +
+                              std::strerror(n < 0 ? errno : EIO));
+            left -= std::size_t(n);
+            at += n;
+            for (std::size_t done = std::size_t(n); done > 0;) {
+                std::size_t step = std::min(done, parts[first].iov_len);
+                parts[first].iov_base = static_cast<char *>(parts[first].iov_base) + step;
+                parts[first].iov_len -= step;
+                done -= step;
+                if (parts[first].iov_len == 0) ++first;
+            }
+        }
+    }
+    int fd_ = -1;
+    std::vector<std::size_t> sizes_;
+    std::size_t record_ = 0;
 };
 
 // Whether the output goes through a temporary file: a regular file or a new name.
@@ -164,7 +228,8 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     bool writer_up = (driver->orientation & 1) != 0;
     int total = stored.height, done = 0;
     auto line_at = [&](int i, bool up) { return up ? w.bottom + i : w.top - i; };
-    auto put = [&](int line, void *const *src_rows) {
+    // Source rows in the stored layout, in `rows`.
+    auto convert = [&](void *const *src_rows) {
         if (encode != 1.0f) {
             convert_rows(src_rows, from, encoded.rows(), from);
             for (int c = 0; c < from.group[kColour].count; ++c)
@@ -180,27 +245,37 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
             src_rows = encoded.rows();
         }
         convert_rows(src_rows, from, rows.rows(), stored);
+    };
+    auto emit = [&](int line) {
         void **r = rows.rows();
         if (PXF_scan_write(out.image, line, &r) < 0)
             failed("cannot write scanline " + std::to_string(line));
         if (progress) progress(++done, total);
     };
-    if (source.bottom_up() == writer_up) {
-        for (int i = 0; i < total; ++i) put(line_at(i, writer_up), source.row(line_at(i, writer_up)));
-    } else {
-        // The file and the driver disagree on direction: hold the image.
-        std::vector<ChannelBuffer> held;
-        held.reserve(std::size_t(total));
+    if (source.bottom_up() == writer_up || source.random_access()) {
+        // Rows go straight through, read in the writer's order.
         for (int i = 0; i < total; ++i) {
-            int line = line_at(i, source.bottom_up());
-            held.emplace_back(from, from.width);
-            void *const *src = source.row(line);
-            convert_rows(src, from, held.back().rows(), from);
+            int line = line_at(i, writer_up);
+            convert(source.row(line));
+            emit(line);
+        }
+    } else {
+        // The input reads only in the other direction: its rows wait in a
+        // temporary file, not in memory.
+        SpillFile spill(path, stored);
+        note_that(path + ": the input reads only " + (source.bottom_up() ? "bottom" : "top") + " row first and " +
+                  driver->key + " writes " + (writer_up ? "bottom" : "top") +
+                  " row first: the rows wait in a temporary file (" +
+                  std::to_string((spill.record() * std::size_t(total) + (1u << 20) - 1) >> 20) + " MiB)");
+        for (int i = 0; i < total; ++i) {
+            convert(source.row(line_at(i, source.bottom_up())));
+            spill.put(std::size_t(i), rows.rows());
         }
         for (int i = 0; i < total; ++i) {
             int line = line_at(i, writer_up);
-            int index = source.bottom_up() ? line - w.bottom : w.top - line;
-            put(line, held[std::size_t(index)].rows());
+            // Record i holds the i-th row in the input's order.
+            spill.get(std::size_t(total - 1 - i), rows.rows());
+            emit(line);
         }
     }
     PXF_IMAGE *image = out.image;
