@@ -15,8 +15,9 @@
  * driver record's `orientation`): 0 means its files run top down (window.top
  * first), 1 bottom up (window.bottom first).  Writers take every row of the
  * window once, in the driver's order.  Readers of the built-in "rla" and
- * "mem" drivers take rows in any order; plug-in readers may read only in
- * order (the shipped "png" and "tiff" readers do) - stack PXF__raster for
+ * "mem" drivers and of the shipped "tiff" plug-in take rows in any order;
+ * other plug-in readers may read only in order (the shipped "png", "jpeg"
+ * and "exr" readers do) - stack PXF__raster for
  * random access, or PXF_seek back.  A driver record with both
  * PXF_ACCESS_READ and PXF_ACCESS_RANDOM (<pxf/plugin.h>) reads in any
  * order.
