@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
 #include "core/core_util.h"
 #include "core/registry.h"
 #include "formats/rla_header.h"
@@ -30,6 +32,8 @@ struct InFile {
     uint64_t pos;         // where the stream stands; UINT64_MAX when unknown
     uint64_t data_start;  // scanline blocks lie behind the first offset table
     unsigned char *block;  // one channel block
+    unsigned char *line;   // every block of one scanline, read at once
+    std::size_t line_capacity;
 };
 
 // One per image; the handle's private data points at them.
@@ -100,6 +104,35 @@ bool read_at(InFile &f, uint64_t at, void *to, std::size_t n) {
         return false;
     }
     return true;
+}
+
+// Spans from this size on are read straight from the file: the stream's
+// buffer would cost a copy more than the system call it saves.
+constexpr std::size_t kDirectRead = 16 << 10;
+
+// `n` bytes at `at` into the line buffer (or in place from memory); null
+// when that cannot be done.
+const unsigned char *read_span(InFile &f, uint64_t at, std::size_t n, bool &out_of_memory) {
+    if (f.memory) return f.memory + at;
+    int fd = n >= kDirectRead ? fileno(f.stream) : -1;
+    if (n > f.line_capacity) {
+        auto *grown = static_cast<unsigned char *>(pxf::alloc(n));
+        if (!grown) {
+            out_of_memory = true;
+            return nullptr;
+        }
+        pxf::heap_free(f.line);
+        f.line = grown;
+        f.line_capacity = n;
+    }
+    if (fd < 0) return read_at(f, at, f.line, n) ? f.line : nullptr;
+    for (std::size_t got = 0; got < n;) {
+        ssize_t k = pread(fd, f.line + got, n - got, off_t(at + got));
+        if (k < 0 && errno == EINTR) continue;
+        if (k <= 0) return nullptr;
+        got += std::size_t(k);
+    }
+    return f.line;
 }
 
 const char *why_short() { return errno ? std::strerror(errno) : end_of_file(); }
@@ -326,6 +359,7 @@ void close_file(InFile *f) {
     if (f->stream && !f->from_stdin) std::fclose(f->stream);
     pxf::heap_free(f->memory);
     pxf::heap_free(f->block);
+    pxf::heap_free(f->line);
     pxf::heap_free(f->path);
     pxf::heap_free(f);
 }
@@ -362,9 +396,40 @@ int read_scan(void *data, int line, void ***rows, void **) {
         return 0;
     }
     InFile &f = *r->file;
-    uint64_t at = r->offsets[line - r->active.bottom];
+    int index = line - r->active.bottom;
+    uint64_t at = r->offsets[index];
     if (at < f.data_start || at > f.size || f.size - at < 2 * uint64_t(r->channels))
         return unreadable(line, reason(kMsgBadOffset, "offset out of range"));
+    // Lines written in order end where the next one starts: one read for all
+    // their blocks.  Anything unexpected goes the block-by-block way, which
+    // says what is wrong.
+    uint64_t end = index + 1 < r->active_height ? r->offsets[index + 1] : 0;
+    if (end > at && end <= f.size && end - at <= uint64_t(r->channels) * (kMaxBlock + 2)) {
+        bool out_of_memory = false;
+        const unsigned char *span = read_span(f, at, std::size_t(end - at), out_of_memory);
+        if (out_of_memory) {
+            pxf::report_no_memory();
+            return pxf::kErrNoMemory;
+        }
+        if (span) {
+            const unsigned char *p = span, *stop = span + (end - at);
+            int c = 0;
+            for (; c < r->channels && stop - p >= 2; ++c) {
+                std::size_t length = get16u(p);
+                if (std::size_t(stop - p - 2) < length) break;
+                int written = r->codecs[c]->decode(p + 2, int(length), dest[c], r->active_width,
+                                                   unsigned(r->leading), r->trailing);
+                if (written != r->width)
+                    return pxf::fail(pxf::kErrBadScanline, pxf::kErrBadScanline, kSetMessages, kMsgCannotDecode,
+                                     "Cannot decode scanline %d", line);
+                p += 2 + length;
+            }
+            if (c == r->channels) {
+                pxf__err = 0;
+                return 0;
+            }
+        }
+    }
     for (int c = 0; c < r->channels; ++c) {
         unsigned char length_bytes[2];
         if (!read_at(f, at, length_bytes, 2)) return unreadable(line, why_short());
