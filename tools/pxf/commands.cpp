@@ -268,7 +268,9 @@ const char *kConvertHelp =
     "  --frame N          take frame N of a multi-frame IN (a .mpc container);\n"
     "                     a multi-frame IN and an OUT with a frame field\n"
     "                     unpack every frame (or those of --frames)\n"
-    "  --jobs N, -j N     convert up to N frames at once (default 1)\n"
+    "  --jobs N, -j N     convert up to N frames at once (default 1; one image is\n"
+    "                     read on a second thread while it is written, unless\n"
+    "                     --jobs 1)\n"
     "  --quiet, -q        no progress bar and no notes\n"
     "  --verbose, -v      say what is loaded and written\n"
     "  --attrib NAME=VALUE  set a text of the description (name, description,\n"
@@ -399,7 +401,7 @@ int run_convert(const std::vector<std::string> &args) {
     std::string frames, channels;
     int one_frame = -1;
     Crop crop;
-    int jobs = 1;
+    int jobs = 0;  // 0: not given
     bool quiet = global_options().quiet;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
@@ -425,6 +427,9 @@ int run_convert(const std::vector<std::string> &args) {
         else reject_option(a), paths.push_back(a);
     }
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
+    // Frames converted side by side keep the cores busy already; --jobs 1
+    // asks for one thread.
+    if (jobs > 0) write.pipeline = false;
     const std::string &in = paths[0], &out = paths[1];
     bool in_sequence = Sequence::is_pattern(in), out_sequence = Sequence::is_pattern(out);
 
@@ -517,7 +522,7 @@ int run_convert(const std::vector<std::string> &args) {
         }
     };
     std::vector<std::thread> pool;
-    for (int j = 1; j < std::min(jobs, count); ++j) pool.emplace_back(worker);
+    for (int j = 1; j < std::min(std::max(jobs, 1), count); ++j) pool.emplace_back(worker);
     worker();
     for (std::thread &t : pool) t.join();
     bar.finish();

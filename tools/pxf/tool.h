@@ -183,6 +183,7 @@ struct WriteOptions {
     TextOptions texts;
     int frame = -1;      // frame number to record, -1: the source's
     bool append = false; // add to an existing multi-frame container
+    bool pipeline = true; // decode on a second thread while rows are encoded
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done

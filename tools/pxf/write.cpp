@@ -11,6 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <thread>
 
 #include <pxf/fmt.h>
 
@@ -103,6 +107,87 @@ private:
     int fd_ = -1;
     std::vector<std::size_t> sizes_;
     std::size_t record_ = 0;
+};
+
+// Decoding and encoding on two threads.  A reading thread converts rows
+// into a ring of blocks; the caller's thread writes them in the same order.
+// The ring bounds the rows in flight, and a failure on either side stops
+// both.
+class RowPipeline {
+public:
+    static constexpr int kBlock = 16, kBlocks = 4, kRing = kBlock * kBlocks;
+
+    RowPipeline(const Layout &layout, int total, std::function<void(int, void *const *)> produce)
+        : total_(total), produce_(std::move(produce)) {
+        for (int i = 0; i < kRing; ++i) ring_.emplace_back(layout, layout.width);
+        reader_ = std::thread([this] { read(); });
+    }
+    ~RowPipeline() {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        reader_.join();
+    }
+    RowPipeline(const RowPipeline &) = delete;
+    RowPipeline &operator=(const RowPipeline &) = delete;
+
+    // Row i (0, 1, ... in order) once the reader has made it; rethrows its failure.
+    void *const *take(int i) {
+        if (i > 0 && i % kBlock == 0) release(i);
+        if (i >= seen_) {
+            std::unique_lock<std::mutex> hold(lock_);
+            changed_.wait(hold, [&] { return ready_ > i || error_; });
+            if (ready_ <= i) std::rethrow_exception(error_);
+            seen_ = ready_;
+        }
+        return ring_[std::size_t(i % kRing)].rows();
+    }
+
+private:
+    void release(int freed) {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            freed_ = freed;
+        }
+        changed_.notify_all();
+    }
+    void read() {
+        try {
+            for (int i = 0; i < total_; ++i) {
+                if (i % kBlock == 0) {
+                    std::unique_lock<std::mutex> hold(lock_);
+                    changed_.wait(hold, [&] { return i - freed_ < kRing || stop_; });
+                    if (stop_) return;
+                }
+                produce_(i, ring_[std::size_t(i % kRing)].rows());
+                if ((i + 1) % kBlock == 0 || i + 1 == total_) {
+                    {
+                        std::lock_guard<std::mutex> hold(lock_);
+                        ready_ = i + 1;
+                    }
+                    changed_.notify_all();
+                }
+            }
+        } catch (...) {
+            {
+                std::lock_guard<std::mutex> hold(lock_);
+                error_ = std::current_exception();
+            }
+            changed_.notify_all();
+        }
+    }
+
+    const int total_;
+    std::function<void(int, void *const *)> produce_;
+    std::vector<ChannelBuffer> ring_;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    int ready_ = 0, freed_ = 0, seen_ = 0;  // seen_: the writer's own copy of ready_
+    bool stop_ = false;
+    std::exception_ptr error_;
+    std::thread reader_;
 };
 
 // Whether the output goes through a temporary file: a regular file or a new name.
@@ -228,8 +313,8 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     bool writer_up = (driver->orientation & 1) != 0;
     int total = stored.height, done = 0;
     auto line_at = [&](int i, bool up) { return up ? w.bottom + i : w.top - i; };
-    // Source rows in the stored layout, in `rows`.
-    auto convert = [&](void *const *src_rows) {
+    // Source rows in the stored layout.
+    auto convert = [&](void *const *src_rows, void *const *dst_rows) {
         if (encode != 1.0f) {
             convert_rows(src_rows, from, encoded.rows(), from);
             for (int c = 0; c < from.group[kColour].count; ++c)
@@ -244,20 +329,28 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
                 }
             src_rows = encoded.rows();
         }
-        convert_rows(src_rows, from, rows.rows(), stored);
+        convert_rows(src_rows, from, dst_rows, stored);
     };
-    auto emit = [&](int line) {
-        void **r = rows.rows();
+    auto emit = [&](int line, void *const *stored_rows) {
+        void **r = const_cast<void **>(stored_rows);
         if (PXF_scan_write(out.image, line, &r) < 0)
             failed("cannot write scanline " + std::to_string(line));
         if (progress) progress(++done, total);
     };
     if (source.bottom_up() == writer_up || source.random_access()) {
-        // Rows go straight through, read in the writer's order.
-        for (int i = 0; i < total; ++i) {
-            int line = line_at(i, writer_up);
-            convert(source.row(line));
-            emit(line);
+        // Rows go straight through, read in the writer's order; with room
+        // for a second thread, reading and writing overlap.
+        if (options.pipeline && total >= 2 * RowPipeline::kBlock && std::thread::hardware_concurrency() > 1) {
+            RowPipeline pipeline(stored, total, [&](int i, void *const *dst) {
+                convert(source.row(line_at(i, writer_up)), dst);
+            });
+            for (int i = 0; i < total; ++i) emit(line_at(i, writer_up), pipeline.take(i));
+        } else {
+            for (int i = 0; i < total; ++i) {
+                int line = line_at(i, writer_up);
+                convert(source.row(line), rows.rows());
+                emit(line, rows.rows());
+            }
         }
     } else {
         // The input reads only in the other direction: its rows wait in a
@@ -268,14 +361,14 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
                   " row first: the rows wait in a temporary file (" +
                   std::to_string((spill.record() * std::size_t(total) + (1u << 20) - 1) >> 20) + " MiB)");
         for (int i = 0; i < total; ++i) {
-            convert(source.row(line_at(i, source.bottom_up())));
+            convert(source.row(line_at(i, source.bottom_up())), rows.rows());
             spill.put(std::size_t(i), rows.rows());
         }
         for (int i = 0; i < total; ++i) {
             int line = line_at(i, writer_up);
             // Record i holds the i-th row in the input's order.
             spill.get(std::size_t(total - 1 - i), rows.rows());
-            emit(line);
+            emit(line, rows.rows());
         }
     }
     PXF_IMAGE *image = out.image;
