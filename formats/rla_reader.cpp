@@ -107,14 +107,16 @@ bool read_at(InFile &f, uint64_t at, void *to, std::size_t n) {
 }
 
 // Spans from this size on are read straight from the file: the stream's
-// buffer would cost a copy more than the system call it saves.
+// buffer would cost a copy more than the system call it saves.  So are
+// spans away from where the stream stands (rows read top down from a file
+// written bottom up): refilling the buffer there would read ahead in vain.
 constexpr std::size_t kDirectRead = 16 << 10;
 
 // `n` bytes at `at` into the line buffer (or in place from memory); null
 // when that cannot be done.
 const unsigned char *read_span(InFile &f, uint64_t at, std::size_t n, bool &out_of_memory) {
     if (f.memory) return f.memory + at;
-    int fd = n >= kDirectRead ? fileno(f.stream) : -1;
+    int fd = n >= kDirectRead || f.pos != at ? fileno(f.stream) : -1;
     if (n > f.line_capacity) {
         auto *grown = static_cast<unsigned char *>(pxf::alloc(n));
         if (!grown) {
