@@ -54,16 +54,16 @@ struct OpenOutput {
 // heap holds one row whatever the image size.
 class SpillFile {
 public:
-    SpillFile(const std::string &output, const Layout &layout) {
+    SpillFile(const std::string &output, bool regular_output, const Layout &layout) {
         for (int k = 0; k < 3; ++k)
             for (int c = 0; c < layout.group[k].count; ++c)
                 sizes_.push_back(std::size_t(layout.width) * std::size_t(element_size(layout.group[k])));
         for (std::size_t n : sizes_) record_ += n;
-        // $TMPDIR when set, else beside the output (the disk that takes the
-        // output has room for its rows; /tmp is often memory).
-        std::string dir;
+        // $TMPDIR when set, else beside a file output (the disk that takes
+        // the output has room for its rows; /tmp is often memory), else /tmp.
+        std::string dir = "/tmp";
         if (const char *tmp = std::getenv("TMPDIR"); tmp && *tmp) dir = tmp;
-        else {
+        else if (regular_output) {
             std::size_t slash = output.rfind('/');
             dir = slash == std::string::npos ? "." : slash == 0 ? "/" : output.substr(0, slash);
         }
@@ -355,7 +355,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     } else {
         // The input reads only in the other direction: its rows wait in a
         // temporary file, not in memory.
-        SpillFile spill(path, stored);
+        SpillFile spill(path, out.staged != nullptr, stored);
         note_that(path + ": the input reads only " + (source.bottom_up() ? "bottom" : "top") + " row first and " +
                   driver->key + " writes " + (writer_up ? "bottom" : "top") +
                   " row first: the rows wait in a temporary file (" +
