@@ -388,13 +388,13 @@ static int choose_coding(const char *text, png_coding *c, char *why, size_t why_
         c->strategy = Z_RLE;
     else if (!strcmp(parsed.method, "deflate"))
         c->strategy = Z_FILTERED; /* libpng's choice for filtered rows */
-    else if (!strcmp(parsed.method, "huffman"))
+    else if (!strcmp(parsed.method, "huffman") || !strcmp(parsed.method, "none"))
         c->strategy = Z_HUFFMAN_ONLY;
     else {
-        snprintf(why, why_size, "unknown PNG compression \"%s\" (rle, deflate, huffman)", parsed.method);
+        snprintf(why, why_size, "unknown PNG compression \"%s\" (rle, deflate, huffman, none)", parsed.method);
         return 0;
     }
-    c->level = 6;
+    c->level = !strcmp(parsed.method, "none") ? 0 : 6; /* "none": stored deflate blocks */
     c->filters = PNG_ALL_FILTERS;
     for (k = 0; k < parsed.count; ++k) {
         const char *key = parsed.settings[k].key, *value = parsed.settings[k].value;
