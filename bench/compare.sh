@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Whole conversions side by side: pxf convert against vips copy, oiiotool and
 # ImageMagick's convert, on the same pictures, in one run.  For each picture,
-# conversion and tool it prints the wall time (median of --runs), the peak
-# resident memory and the output's size, each with its ratio to the best.
+# conversion and tool it prints the wall time (median of --runs), the
+# processor time of that run (user + system: on a shared machine the steadier
+# figure; above the wall time when a tool uses several threads), the peak
+# resident memory and the output's size, with ratios to the best.
 #
 #   bench/compare.sh [--quick] [--big] [--size N]... [--runs N] [--dir DIR]
 #
@@ -92,24 +94,26 @@ results=$dir/results.txt
 : >"$results"
 measure() {
   local tool=$1 out=$2; shift 2
-  local times=() mems=() i ok=1
+  local times=() mems=() cpus=() i ok=1
   for ((i = 0; i < runs; i++)); do
     rm -f "$out"
-    if ! /usr/bin/time -f '%e %M' -o time.txt "$@" >/dev/null 2>cmd_err.txt || [ ! -s "$out" ]; then
+    if ! /usr/bin/time -f '%e %M %U %S' -o time.txt "$@" >/dev/null 2>cmd_err.txt || [ ! -s "$out" ]; then
       ok=0
       break
     fi
-    read -r t m <time.txt
+    read -r t m u s <time.txt
     times+=("$t")
     mems+=("$m")
+    cpus+=("$(awk -v u="$u" -v s="$s" 'BEGIN { printf "%.2f", u + s }')")
   done
   if [ $ok = 0 ]; then
-    echo "$case_name $tool n/a n/a n/a" >>"$results"
+    echo "$case_name $tool n/a n/a n/a n/a" >>"$results"
     rm -f "$out"
     return
   fi
   local pick
-  pick=$(for i in "${!times[@]}"; do echo "${times[$i]} ${mems[$i]}"; done | sort -n | awk -v n=${#times[@]} 'NR == int((n + 1) / 2)')
+  pick=$(for i in "${!times[@]}"; do echo "${times[$i]} ${mems[$i]} ${cpus[$i]}"; done | sort -n |
+    awk -v n=${#times[@]} 'NR == int((n + 1) / 2)')
   echo "$case_name $tool $pick $(stat -c %s "$out")" >>"$results"
   rm -f "$out"
 }
@@ -160,7 +164,7 @@ for size in "${sizes[@]}"; do
       if [ -n "$magick" ] && [ "$to" != rla ]; then
         measure convert "out.$to" "$magick" "$name.$from" "${magick_extra[@]}" "out.$to"
       elif [ -n "$magick" ]; then
-        echo "$case_name convert n/a n/a n/a" >>"$results"
+        echo "$case_name convert n/a n/a n/a n/a" >>"$results"
       fi
     done
   done
@@ -180,21 +184,22 @@ function ratio(v, best) { return v == "n/a" ? "" : best > 0 ? sprintf("(%.2f)", 
     if (!(key in bt) || $4 + 0 < bt[key]) bt[key] = $4 + 0
     if (!(key in bm) || $5 + 0 < bm[key]) bm[key] = $5 + 0
     if (!(key in bs) || $6 + 0 < bs[key]) bs[key] = $6 + 0
+    if (!(key in bc) || $7 + 0 < bc[key]) bc[key] = $7 + 0
   }
 }
 END {
-  printf "%-13s %-18s %-9s %8s %-7s %9s %-7s %11s %-7s\n", "picture", "conversion", "tool", "time s", "", "peak MiB", "", "size MB", ""
+  printf "%-13s %-18s %-9s %8s %-7s %7s %-7s %9s %-7s %11s %-7s\n", "picture", "conversion", "tool", "time s", "", "cpu s", "", "peak MiB", "", "size MB", ""
   for (i = 1; i <= n; i++) {
     key = order[i]
     split(key, part, " ")
     for (j = 1; j <= count[key]; j++) {
       split(row[key, j], f, " ")
       if (f[4] == "n/a") {
-        printf "%-13s %-18s %-9s %8s %-7s %9s %-7s %11s %-7s\n", part[1], part[2], f[3], "n/a", "", "n/a", "", "n/a", ""
+        printf "%-13s %-18s %-9s %8s %-7s %7s %-7s %9s %-7s %11s %-7s\n", part[1], part[2], f[3], "n/a", "", "n/a", "", "n/a", "", "n/a", ""
         continue
       }
-      printf "%-13s %-18s %-9s %8.2f %-7s %9.1f %-7s %11.2f %-7s\n", part[1], part[2], f[3], f[4], ratio(f[4], bt[key]),
-             f[5] / 1024, ratio(f[5], bm[key]), f[6] / 1e6, ratio(f[6], bs[key])
+      printf "%-13s %-18s %-9s %8.2f %-7s %7.2f %-7s %9.1f %-7s %11.2f %-7s\n", part[1], part[2], f[3], f[4], ratio(f[4], bt[key]),
+             f[7], ratio(f[7], bc[key]), f[5] / 1024, ratio(f[5], bm[key]), f[6] / 1e6, ratio(f[6], bs[key])
     }
   }
 }' "$results"
