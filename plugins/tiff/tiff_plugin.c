@@ -3,7 +3,10 @@
  * integer or 32-bit float samples, stored in strips, interleaved or in
  * planes.  Extra samples marked as alpha are the matte channels, the other
  * extra samples the auxiliary channels.  Written files are interleaved,
- * uncompressed or LZW, Deflate or PackBits compressed.
+ * uncompressed or LZW, Deflate or PackBits compressed; LZW and Deflate
+ * strips go through the horizontal (integer) or floating-point predictor
+ * unless told otherwise ("lzw;predictor=none"), and Deflate takes a level
+ * ("deflate;level=9").
  */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
@@ -22,13 +25,15 @@
 #include <pxf/err.h>
 #include <pxf/plugin.h>
 #include <pxf/utl.h>
-#include <sys/stat.h>
+
+#include "../compression_text.h"
 
 const char *version = PXF_PLUGIN_PROTOCOL;
 const char *imageKey = "tiff";
 const char *imageExtension = ".tif";
 const char *imageName = "Tagged Image File Format";
-const char *imageDescription = "grey/RGB + extra channels; 8/16/32-bit integer, 32-bit float; none, LZW, Deflate, PackBits";
+const char *imageDescription =
+    "grey/RGB + extra channels; 8/16/32-bit integer, 32-bit float; none, LZW, Deflate, PackBits; predictors";
 int imageOrientation = 0; /* scanlines top down */
 /* Rows are read in any order: each comes from its strip, decoded on demand. */
 int imageAccess = PXF_ACCESS_READ | PXF_ACCESS_WRITE | PXF_ACCESS_RANDOM;
@@ -56,9 +61,8 @@ typedef struct {
     PXF_CHAN_GROUP groups[3]; /* caller's colour, matte and aux shapes (writing) */
     double gamma;             /* of the caller's integer colour (writing) */
     int next_row;
-    unsigned char *row;   /* one file scanline (all samples, or one plane) */
     /* Reading decodes whole strips (compressed strips cannot be entered in
-     * the middle), one cached strip per plane. */
+     * the middle), one cached strip per plane; writing gathers one strip. */
     unsigned char *strips;
     tmsize_t strip_bytes, line_bytes;
     uint32_t rows_per_strip;
@@ -145,11 +149,9 @@ static void release(tiff_file *p) {
     if (p->tif) TIFFClose(p->tif);
     UTL_output_abandon(p->output); /* never committed: the temporary file goes */
     p->output = NULL;
-    free(p->row);
     free(p->strips);
     free(p->path);
     p->tif = NULL;
-    p->row = NULL;
     p->strips = NULL;
     p->path = NULL;
 }
@@ -292,6 +294,7 @@ int imageReadOpen(PXF_IMAGE *image) {
     uint32_t width = 0, height = 0;
     uint16_t spp = 1, bps = 1, format = SAMPLEFORMAT_UINT, photometric = PHOTOMETRIC_MINISBLACK;
     uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE, extra_count = 0, *extra = NULL;
+    uint16_t predictor = PREDICTOR_NONE;
     size_t file_bytes = 0;
     int colours, mattes = 0, auxes = 0, s, next_matte, next_aux, type;
     float *values;
@@ -323,6 +326,8 @@ int imageReadOpen(PXF_IMAGE *image) {
     TIFFGetFieldDefaulted(p->tif, TIFFTAG_SAMPLEFORMAT, &format);
     TIFFGetFieldDefaulted(p->tif, TIFFTAG_PLANARCONFIG, &planar);
     TIFFGetFieldDefaulted(p->tif, TIFFTAG_COMPRESSION, &compression);
+    if (compression == COMPRESSION_LZW || compression == COMPRESSION_ADOBE_DEFLATE || compression == COMPRESSION_DEFLATE)
+        TIFFGetFieldDefaulted(p->tif, TIFFTAG_PREDICTOR, &predictor);
     TIFFGetFieldDefaulted(p->tif, TIFFTAG_EXTRASAMPLES, &extra_count, &extra);
     if (!TIFFGetField(p->tif, TIFFTAG_PHOTOMETRIC, &photometric))
         photometric = spp - extra_count >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
@@ -425,7 +430,11 @@ int imageReadOpen(PXF_IMAGE *image) {
         const char *name = compression_name(compression);
         char *copy;
         if (!name) snprintf(text, sizeof text, "compression %u", compression);
-        copy = strdup(name ? name : text);
+        else snprintf(text, sizeof text, "%s%s", name,
+                      predictor == PREDICTOR_HORIZONTAL      ? ", horizontal predictor"
+                      : predictor == PREDICTOR_FLOATINGPOINT ? ", float predictor"
+                                                             : "");
+        copy = strdup(text);
         if (copy) {
             free(image->info.compression);
             image->info.compression = copy;
@@ -447,9 +456,10 @@ static double load(const void *row, const PXF_CHAN_GROUP *g, int x) {
     return ((const uint32_t *)row)[x];
 }
 
-/* Puts one caller row into sample s of the interleaved file row, converting
- * to the file's sample type when the group's differs. */
-static void put_sample(tiff_file *p, const PXF_CHAN_GROUP *g, const void *src, int s, double gamma) {
+/* Puts one caller row into sample s of the interleaved file row `out`,
+ * converting to the file's sample type when the group's differs. */
+static void put_sample(tiff_file *p, unsigned char *out, const PXF_CHAN_GROUP *g, const void *src, int s,
+                       double gamma) {
     int x, n = p->samples, bits = p->bytes * 8;
     int same = p->is_float ? g->type == PXF_C_FLOAT : (g->type == PXF_C_INTEGER && g->width == bits);
     double scale = 1.0;
@@ -457,23 +467,39 @@ static void put_sample(tiff_file *p, const PXF_CHAN_GROUP *g, const void *src, i
     for (x = 0; x < p->width; ++x) {
         size_t at = (size_t)x * n + s;
         if (same) {
-            if (p->bytes == 1) p->row[at] = ((const uint8_t *)src)[x];
-            else if (p->bytes == 2) ((uint16_t *)p->row)[at] = ((const uint16_t *)src)[x];
-            else ((uint32_t *)p->row)[at] = ((const uint32_t *)src)[x];
+            if (p->bytes == 1) out[at] = ((const uint8_t *)src)[x];
+            else if (p->bytes == 2) ((uint16_t *)out)[at] = ((const uint16_t *)src)[x];
+            else ((uint32_t *)out)[at] = ((const uint32_t *)src)[x];
         } else if (p->is_float) {
             double v = load(src, g, x) * scale;
             /* Float TIFF files hold linear values (there is no gamma tag):
              * encoded integer colour is decoded on the way. */
             if (gamma != 1.0 && v > 0.0) v = pow(v, gamma);
-            ((float *)p->row)[at] = (float)v;
+            ((float *)out)[at] = (float)v;
         } else {
             double v = load(src, g, x) * scale + 0.5, top = top_of(bits);
             v = v < 0.0 ? 0.0 : v > top ? top : v;
-            if (p->bytes == 1) p->row[at] = (uint8_t)v;
-            else if (p->bytes == 2) ((uint16_t *)p->row)[at] = (uint16_t)v;
-            else ((uint32_t *)p->row)[at] = (uint32_t)v;
+            if (p->bytes == 1) out[at] = (uint8_t)v;
+            else if (p->bytes == 2) ((uint16_t *)out)[at] = (uint16_t)v;
+            else ((uint32_t *)out)[at] = (uint32_t)v;
         }
     }
+}
+
+/* Where the next file row goes: rows gather into whole strips, handed to
+ * libtiff in one call each, so that its codecs see a strip at once (its
+ * Deflate takes the faster one-shot compressor only then). */
+static unsigned char *next_line(tiff_file *p) {
+    return p->strips + (size_t)((uint32_t)p->next_row % p->rows_per_strip) * (size_t)p->line_bytes;
+}
+
+/* Counts the row just put; writes the strip it completes.  0: failed. */
+static int row_done(tiff_file *p) {
+    uint32_t row = (uint32_t)p->next_row++, first = row - row % p->rows_per_strip;
+    if (row + 1 - first < p->rows_per_strip && p->next_row < p->height) return 1;
+    clear_problem();
+    return TIFFWriteEncodedStrip(p->tif, row / p->rows_per_strip, p->strips,
+                                 (tmsize_t)(row + 1 - first) * p->line_bytes) >= 0;
 }
 
 static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
@@ -483,15 +509,14 @@ static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
     if (p->height - 1 - line != p->next_row) return bad_scanline();
     for (k = 0; k < 3; ++k)
         for (c = 0; c < p->groups[k].count; ++c, ++s)
-            put_sample(p, &p->groups[k], (*rows)[s], s, k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
-    clear_problem();
-    if (p->failed || TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row, 0) < 0) {
+            put_sample(p, next_line(p), &p->groups[k], (*rows)[s], s,
+                       k == 0 && p->groups[k].type == PXF_C_INTEGER ? p->gamma : 1.0);
+    if (p->failed || !row_done(p)) {
         p->failed = 1;
         report(p->path, problem("write failed"));
         pxf__err = PXF_E_FLUSH;
         return PXF_E_FLUSH;
     }
-    ++p->next_row;
     return 0;
 }
 
@@ -503,6 +528,68 @@ static int compression_code(const char *name) {
     if (!strcasecmp(name, "packbits")) return COMPRESSION_PACKBITS;
     return -1;
 }
+
+/* How a written file is compressed: method, predictor and Deflate level
+ * (0: libtiff's own). */
+typedef struct {
+    int compression, predictor, level;
+} tiff_coding;
+
+/* Reads the caller's compression text; 0 with the reason in `why` when it
+ * asks for something this driver cannot do.  Without a choice, LZW and
+ * Deflate strips go through the predictor that suits the samples: it
+ * turns smooth ramps into runs of small differences, which both codecs
+ * shrink to a fraction of the plain strip for little time. */
+static int choose_coding(const char *text, int is_float, tiff_coding *c, char *why, size_t why_size) {
+    compression_text parsed;
+    int k, predicting;
+    if (!compression_parse(text, &parsed, why, why_size)) return 0;
+    c->compression = compression_code(parsed.method);
+    if (c->compression < 0) {
+        snprintf(why, why_size, "unknown TIFF compression \"%s\" (none, lzw, deflate, packbits)", parsed.method);
+        return 0;
+    }
+    predicting = c->compression == COMPRESSION_LZW || c->compression == COMPRESSION_ADOBE_DEFLATE;
+    c->predictor = !predicting ? PREDICTOR_NONE : is_float ? PREDICTOR_FLOATINGPOINT : PREDICTOR_HORIZONTAL;
+    c->level = 0;
+    for (k = 0; k < parsed.count; ++k) {
+        const char *key = parsed.settings[k].key, *value = parsed.settings[k].value;
+        if (!strcmp(key, "predictor")) {
+            if (!strcasecmp(value, "none") || !strcmp(value, "1")) c->predictor = PREDICTOR_NONE;
+            else if (!strcasecmp(value, "horizontal") || !strcmp(value, "2")) c->predictor = PREDICTOR_HORIZONTAL;
+            else if (!strcasecmp(value, "float") || !strcmp(value, "3")) c->predictor = PREDICTOR_FLOATINGPOINT;
+            else {
+                snprintf(why, why_size, "unknown TIFF predictor \"%s\" (none, horizontal, float)", value);
+                return 0;
+            }
+            if (c->predictor != PREDICTOR_NONE && !predicting) {
+                snprintf(why, why_size, "a TIFF predictor needs LZW or Deflate compression");
+                return 0;
+            }
+            if (c->predictor == PREDICTOR_FLOATINGPOINT && !is_float) {
+                snprintf(why, why_size, "the float predictor needs float samples (use horizontal)");
+                return 0;
+            }
+        } else if (!strcmp(key, "level")) {
+            c->level = compression_integer(value, 1, 9);
+            if (c->level < 0 || c->compression != COMPRESSION_ADOBE_DEFLATE) {
+                snprintf(why, why_size, c->level < 0 ? "TIFF Deflate levels are 1 to 9, not \"%s\""
+                                                     : "only TIFF Deflate takes a level (\"%s\")", value);
+                return 0;
+            }
+        } else {
+            snprintf(why, why_size, "TIFF has no compression setting \"%s\" (predictor, level)", key);
+            return 0;
+        }
+    }
+    return 1;
+}
+
+/* Strips of about this many bytes.  Each one starts its codec afresh, so
+ * small strips cost size (at 64 KiB, LZW files of rendered pictures are 2%
+ * larger, Deflate files 1%) while bigger ones cost no time; 1 MiB keeps a
+ * reader's strip buffer small. */
+#define STRIP_BYTES ((size_t)1 << 20)
 
 static int put_text(TIFF *tif, uint32_t tag, const char *text) {
     if (text && text[0] && strcmp(text, "unknown") != 0) return TIFFSetField(tif, tag, text);
@@ -553,7 +640,9 @@ int imageWriteOpen(PXF_IMAGE *image) {
     const PXF_IMAGE_DESC *d = image->info.images;
     const PXF_INFO *info = &image->info;
     uint16_t extra[MAX_SAMPLES];
-    int k, s, bits = 8, any_float = 0, compression, ok;
+    int k, s, bits = 8, any_float = 0, ok;
+    tiff_coding coding;
+    size_t line_bytes;
     tiff_file *p;
     char text[120];
     if (!path) return report("tiff", "no file name");
@@ -566,9 +655,11 @@ int imageWriteOpen(PXF_IMAGE *image) {
         pxf__err = PXF_E_CANNOT_DO;
         return report(path, "too many channels for TIFF");
     }
-    compression = compression_code(info->compression);
-    if (compression < 0) {
-        snprintf(text, sizeof text, "unknown TIFF compression \"%s\" (none, lzw, deflate, packbits)", info->compression);
+    for (k = 0; k < 3; ++k) {
+        const PXF_CHAN_GROUP *g = k == 0 ? &d->chan : k == 1 ? &d->matte : &d->aux;
+        if (g->count && (g->type == PXF_C_FLOAT || g->type == PXF_C_DOUBLE)) any_float = 1;
+    }
+    if (!choose_coding(info->compression, any_float, &coding, text, sizeof text)) {
         pxf__err = PXF_E_CANNOT_DO;
         return report(path, text);
     }
@@ -594,8 +685,13 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->height = d->window.top - d->window.bottom + 1;
     p->samples = d->chan.count + d->matte.count + d->aux.count;
     if (p->width < 1 || p->height < 1) return open_failed(p, "empty image window");
-    p->row = (unsigned char *)malloc((size_t)p->width * (size_t)p->samples * (size_t)p->bytes + 16);
-    if (!p->row) return setup_failed(p, PXF_E_NO_MEMORY, "out of memory");
+    line_bytes = (size_t)p->width * (size_t)p->samples * (size_t)p->bytes;
+    p->line_bytes = (tmsize_t)line_bytes;
+    p->rows_per_strip = line_bytes >= STRIP_BYTES                       ? 1u
+                        : STRIP_BYTES / line_bytes >= (size_t)p->height ? (uint32_t)p->height
+                                                                        : (uint32_t)(STRIP_BYTES / line_bytes);
+    p->strips = (unsigned char *)malloc(line_bytes * p->rows_per_strip + 16);
+    if (!p->strips) return setup_failed(p, PXF_E_NO_MEMORY, "out of memory");
 
     errno = 0;
     p->output = UTL_output_open(path);
@@ -615,7 +711,9 @@ int imageWriteOpen(PXF_IMAGE *image) {
                       (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK)) &&
          TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG) &&
          TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT) &&
-         TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
+         TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)coding.compression) &&
+         (coding.predictor == PREDICTOR_NONE || TIFFSetField(p->tif, TIFFTAG_PREDICTOR, (uint16_t)coding.predictor)) &&
+         (!coding.level || TIFFSetField(p->tif, TIFFTAG_ZIPQUALITY, coding.level));
     if (ok && d->matte.count + d->aux.count > 0) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
             extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
@@ -629,7 +727,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
                  memcmp(stored, extra, count * sizeof *stored) == 0;
         }
     }
-    ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(p->tif, 0));
+    ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, p->rows_per_strip);
     if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f) {
         float primaries[6] = {info->red_pri[0],   info->red_pri[1],  info->green_pri[0],
                               info->green_pri[1], info->blue_pri[0], info->blue_pri[1]};
@@ -674,9 +772,10 @@ static int tiff_close(PXF_IMAGE *image) {
             /* Stopped early: finish with zero rows so that the file stays whole. */
             ERR_printf(ERR_WARNING, "%s: %d scanlines not written, filled with zero", p->path,
                        p->height - p->next_row);
-            memset(p->row, 0, (size_t)p->width * (size_t)p->samples * (size_t)p->bytes);
-            while (p->next_row < p->height)
-                if (TIFFWriteScanline(p->tif, p->row, (uint32_t)p->next_row++, 0) < 0) break;
+            while (p->next_row < p->height) {
+                memset(next_line(p), 0, (size_t)p->line_bytes);
+                if (!row_done(p)) break;
+            }
         }
         clear_problem();
         if (p->next_row < p->height || !TIFFFlush(p->tif)) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <map>
 
 #include "core/core_test_util.h"
 #include "plugin_host.h"
@@ -128,6 +130,49 @@ TEST_F(PngDriver, OddWidthsAreRescaledAndFloatsRefused) {
     in.chan.type = PXF_C_FLOAT, in.chan.width = 32;
     EXPECT_FALSE(write_image(dir.file("float.png"), "png", in));
     EXPECT_NE(reports.last().find("integer"), std::string::npos) << reports.last();
+}
+
+const char *compression_choice;
+void choose_compression(PXF_INFO &info) { set_text(info.compression, compression_choice); }
+
+// Matching methods, filters and levels change the bytes, never the pixels.
+TEST_F(PngDriver, EveryMethodFilterAndLevelKeepsThePixels) {
+    const Pixels in(120, 40, 3, 1, 0, PXF_C_INTEGER, 16, [](int c, int x, int y) { return double((x * 300 + y * 700 + c * 9000) & 0xffff); });
+    const std::size_t raw = std::size_t(40) * (1 + 120 * 4 * 2);
+    std::map<std::string, std::size_t> sizes;
+    for (const char *text : {"", "rle", "deflate", "deflate;level=9", "huffman", "none", "rle;filter=none",
+                             "deflate;filter=sub", "rle;filter=up", ";filter=average", "rle;filter=paeth;level=1",
+                             "deflate;filter=adaptive", "deflate;level=0"}) {
+        SCOPED_TRACE(text);
+        compression_choice = text;
+        ASSERT_TRUE(write_image(dir.file("m.png"), "png", in, choose_compression));
+        Pixels back;
+        ASSERT_TRUE(read_image(dir.file("m.png"), nullptr, back));
+        EXPECT_EQ(back.values, in.values);
+        sizes[text] = read_file(dir.file("m.png")).size();
+    }
+    // The settings reach libpng and zlib: stored blocks hold every byte, the
+    // filters turn these ramps into runs.
+    EXPECT_GT(sizes["none"], raw);
+    EXPECT_GT(sizes["deflate;level=0"], raw);
+    EXPECT_LT(sizes[""] * 2, sizes["rle;filter=none"]);
+    EXPECT_LT(sizes["deflate"] * 2, sizes["huffman"]);  // period-8 repeats: no runs of one byte
+}
+
+TEST_F(PngDriver, CompressionSettingsItCannotHonourAreRefusedByName) {
+    const Pixels in(4, 2, 1, 0, 0, PXF_C_INTEGER, 8, [](int, int x, int) { return x; });
+    const std::pair<const char *, const char *> refused[] = {
+        {"lzw", "\"lzw\""},           {"rle;filter=diagonal", "diagonal"}, {"rle;level=10", "0 to 9"},
+        {"rle;predictor=horizontal", "\"predictor\""}, {"rle;;level=1", "KEY=VALUE"},
+    };
+    for (const auto &[text, reason] : refused) {
+        SCOPED_TRACE(text);
+        ReportCapture reports;
+        compression_choice = text;
+        EXPECT_FALSE(write_image(dir.file("r.png"), "png", in, choose_compression));
+        EXPECT_NE(reports.last().find(reason), std::string::npos) << reports.last();
+        EXPECT_FALSE(std::ifstream(dir.file("r.png")).good());
+    }
 }
 
 TEST_F(PngDriver, DamagedFilesAreReportedNotFatal) {

@@ -3,6 +3,8 @@
 #include <tiffio.h>
 
 #include <cmath>
+#include <fstream>
+#include <map>
 
 #include "core/core_test_util.h"
 #include "plugin_host.h"
@@ -29,6 +31,7 @@ struct Reference {
     const char *compression_text;
     int mattes;
     std::vector<int> order;  // the file sample of each of our channels: colours, mattes, the rest
+    int predictor = PREDICTOR_NONE;
 };
 
 void write_reference(const std::string &path, const Reference &r, int width, int height) {
@@ -44,6 +47,7 @@ void write_reference(const std::string &path, const Reference &r, int width, int
     TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, uint16_t(r.photometric));
     TIFFSetField(tif, TIFFTAG_PLANARCONFIG, uint16_t(r.planar));
     TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(r.compression));
+    if (r.predictor != PREDICTOR_NONE) TIFFSetField(tif, TIFFTAG_PREDICTOR, uint16_t(r.predictor));
     TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 3u);
     if (!r.extras.empty()) TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(r.extras.size()), r.extras.data());
     const PXF_CHAN_GROUP g{nullptr, spp, r.is_float ? PXF_C_FLOAT : PXF_C_INTEGER, r.bits, 0};
@@ -71,6 +75,16 @@ TEST_F(TiffDriver, ReadsLibtiffFilesOfEveryDepthLayoutAndCompression) {
          "PackBits", 1, {0, 1, 2, 3}},
         {"extra before alpha", 8, false, PHOTOMETRIC_RGB, {other, alpha}, PLANARCONFIG_CONTIG, COMPRESSION_LZW, "LZW",
          1, {0, 1, 2, 4, 3}},
+        // Predicted strips, as other programs write them (tiffcp -c lzw:2, -c zip:3).
+        {"8-bit RGBA, LZW, horizontal predictor", 8, false, PHOTOMETRIC_RGB, {alpha}, PLANARCONFIG_CONTIG,
+         COMPRESSION_LZW, "LZW, horizontal predictor", 1, {0, 1, 2, 3}, PREDICTOR_HORIZONTAL},
+        {"16-bit grey, planes, Deflate, horizontal predictor", 16, false, PHOTOMETRIC_MINISBLACK, {other},
+         PLANARCONFIG_SEPARATE, COMPRESSION_ADOBE_DEFLATE, "Deflate, horizontal predictor", 0, {0, 1},
+         PREDICTOR_HORIZONTAL},
+        {"32-bit RGB, LZW, horizontal predictor", 32, false, PHOTOMETRIC_RGB, {}, PLANARCONFIG_CONTIG, COMPRESSION_LZW,
+         "LZW, horizontal predictor", 0, {0, 1, 2}, PREDICTOR_HORIZONTAL},
+        {"float RGB, Deflate, float predictor", 32, true, PHOTOMETRIC_RGB, {}, PLANARCONFIG_CONTIG,
+         COMPRESSION_ADOBE_DEFLATE, "Deflate, float predictor", 0, {0, 1, 2}, PREDICTOR_FLOATINGPOINT},
     };
     for (const Reference &r : refs) {
         SCOPED_TRACE(r.name);
@@ -120,6 +134,103 @@ TEST_F(TiffDriver, WritesEachCompressionForLibtiffWithExtraChannels) {
     compression_choice = "jpeg2000";
     EXPECT_FALSE(write_image(dir.file("bad.tif"), "tiff", in, choose_compression));
     EXPECT_NE(reports.last().find("jpeg2000"), std::string::npos);
+}
+
+// What libtiff reads back from our file: the predictor, the rows per strip
+// and how many of the samples differ from `expected`.
+struct ReadBack {
+    int predictor = -1;
+    uint32_t rows_per_strip = 0, strips = 0;
+    int wrong = -1;
+};
+ReadBack read_back(const std::string &path, const Pixels &expected) {
+    ReadBack r;
+    TIFF *tif = TIFFOpen(path.c_str(), "r");
+    if (!tif) return r;
+    uint16_t predictor = PREDICTOR_NONE, spp = 0, bps = 0;
+    if (!TIFFGetFieldDefaulted(tif, TIFFTAG_PREDICTOR, &predictor)) predictor = PREDICTOR_NONE;  // codecs without one
+    TIFFGetField(tif, TIFFTAG_ROWSPERSTRIP, &r.rows_per_strip);
+    TIFFGetField(tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
+    TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &bps);
+    r.predictor = predictor;
+    r.strips = TIFFNumberOfStrips(tif);
+    r.wrong = 0;
+    const PXF_CHAN_GROUP g{nullptr, spp, expected.chan.type, bps, 0};
+    std::vector<uint32_t> row(std::size_t(expected.width) * spp * bps / 32 + 1);
+    for (int y = 0; y < expected.height; ++y) {
+        if (TIFFReadScanline(tif, row.data(), uint32_t(y), 0) < 0) return TIFFClose(tif), r.wrong = -1, r;
+        for (int i = 0; i < expected.width * spp; ++i)
+            r.wrong += element(row.data(), i, g) != expected.values[i % spp][std::size_t(y) * expected.width + i / spp];
+    }
+    TIFFClose(tif);
+    return r;
+}
+
+// Predictors and levels change the bytes, never the samples; strips are
+// large (hundreds of rows here), the last one shorter.
+TEST_F(TiffDriver, PredictorsAndLevelsKeepEverySampleInStripsOfAboutAMegabyte) {
+    const Pixels ints(1000, 400, 3, 0, 0, PXF_C_INTEGER, 16, [](int c, int x, int y) { return double((x * 37 + y * 11 + c * 1000) & 0xffff); });
+    const Pixels floats(300, 7, 1, 1, 0, PXF_C_FLOAT, 32, [](int c, int x, int y) { return (x - 3 * y + c) * 0.125; });
+    const struct {
+        const Pixels &in;
+        const char *text;
+        int predictor;
+    } cases[] = {
+        {ints, "lzw", PREDICTOR_HORIZONTAL},  // the defaults
+        {ints, "deflate", PREDICTOR_HORIZONTAL},
+        {floats, "", PREDICTOR_FLOATINGPOINT},
+        {floats, "deflate", PREDICTOR_FLOATINGPOINT},
+        {ints, "lzw;predictor=none", PREDICTOR_NONE},
+        {ints, "deflate; level = 1 ;predictor=horizontal", PREDICTOR_HORIZONTAL},
+        {ints, "deflate;level=9", PREDICTOR_HORIZONTAL},
+        {floats, "lzw;predictor=horizontal", PREDICTOR_HORIZONTAL},
+        {floats, "deflate;predictor=3", PREDICTOR_FLOATINGPOINT},
+        {ints, "none", PREDICTOR_NONE},
+        {ints, "packbits;predictor=none", PREDICTOR_NONE},
+    };
+    std::map<std::string, std::size_t> sizes;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        compression_choice = c.text;
+        ASSERT_TRUE(write_image(dir.file("p.tif"), "tiff", c.in, choose_compression));
+        const ReadBack r = read_back(dir.file("p.tif"), c.in);
+        EXPECT_EQ(r.predictor, c.predictor);
+        EXPECT_EQ(r.wrong, 0);
+        const std::size_t line = std::size_t(c.in.width) * (c.in.chan.count + c.in.matte.count) * 4 / (c.in.chan.type == PXF_C_FLOAT ? 1 : 2);
+        EXPECT_EQ(r.rows_per_strip, std::min<std::size_t>((std::size_t(1) << 20) / line, c.in.height));
+        if (&c.in == &ints) {
+            EXPECT_EQ(r.strips, 3u);  // 174 + 174 + 52 rows
+        }
+        sizes[c.text] = read_file(dir.file("p.tif")).size();
+        Pixels back;  // and through the driver
+        ASSERT_TRUE(read_image(dir.file("p.tif"), nullptr, back));
+        EXPECT_EQ(back.values, c.in.values);
+    }
+    // The settings reach the codec: the predictor shrinks the ramps, a higher level shrinks more.
+    EXPECT_LT(sizes["lzw"] * 2, sizes["lzw;predictor=none"]);
+    EXPECT_LT(sizes["deflate;level=9"], sizes["deflate; level = 1 ;predictor=horizontal"]);
+}
+
+TEST_F(TiffDriver, CompressionSettingsItCannotHonourAreRefusedByName) {
+    const Pixels ints(4, 2, 1, 0, 0, PXF_C_INTEGER, 8, [](int, int x, int) { return x; });
+    const std::pair<const char *, const char *> refused[] = {
+        {"lzw;predictor=diagonal", "diagonal"},
+        {"lzw;predictor=float", "float samples"},
+        {"packbits;predictor=horizontal", "LZW or Deflate"},
+        {"lzw;level=5", "only TIFF Deflate"},
+        {"deflate;level=10", "1 to 9"},
+        {"deflate;quality=5", "\"quality\""},
+        {"deflate;level", "KEY=VALUE"},
+        {"deflate;level=", "KEY=VALUE"},
+    };
+    for (const auto &[text, reason] : refused) {
+        SCOPED_TRACE(text);
+        ReportCapture reports;
+        compression_choice = text;
+        EXPECT_FALSE(write_image(dir.file("r.tif"), "tiff", ints, choose_compression));
+        EXPECT_NE(reports.last().find(reason), std::string::npos) << reports.last();
+        EXPECT_FALSE(std::ifstream(dir.file("r.tif")).good());
+    }
 }
 
 // Mixed groups are stored as float, and float files are linear: encoded

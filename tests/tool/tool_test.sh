@@ -63,6 +63,24 @@ make_sample_tiff)
   expect 1 "$pxf" make-sample s_bad.tif --compression jpeg2000
   one_line_error jpeg2000
   [ ! -e s_bad.tif ] || fail "a failed write leaves its file behind"
+  # Predictors: ours reach the file; other programs' predicted strips read
+  # back to the same samples (the sample holds float depth: a float file).
+  grep -q 'Predictor: floating point predictor 3' <(tiffinfo s_lzw.tif) || fail "no float predictor by default"
+  expect 0 "$pxf" make-sample s_h.tif --size 96x64 --compression deflate --predictor horizontal --level 9
+  grep -q 'Predictor: horizontal differencing 2' <(tiffinfo s_h.tif) || fail "--predictor horizontal not recorded"
+  for c in lzw:2 zip:3 zip:2; do
+    tiffcp -c "$c" s_none.tif "p_${c/:/_}.tif"
+    expect 0 "$pxf" convert "p_${c/:/_}.tif" back.tif --compression none
+    cmp -s back.tif s_none.tif || fail "a file predicted by tiffcp -c $c reads back otherwise"
+  done
+  expect 2 "$pxf" make-sample s_bad.tif --predictor diagonal
+  one_line_error diagonal
+  expect 1 "$pxf" make-sample s_bad.tif --compression packbits --predictor horizontal
+  one_line_error 'LZW or Deflate'
+  expect 0 "$pxf" make-sample s.png --png-filter paeth --level 9 --compression deflate
+  pngcheck -q s.png >/dev/null || fail "pngcheck rejects a paeth-filtered file"
+  expect 2 "$pxf" make-sample s.png --level 10
+  one_line_error 'from 0 to 9'
   ;;
 convert)
   expect 0 "$pxf" make-sample sample.png --size 80x60

@@ -256,9 +256,19 @@ const char *kConvertHelp =
     "  --filter NAME      resampling filter: box, triangle, catmull-rom,\n"
     "                     mitchell (default), lanczos3, gaussian\n"
     "  --compression C    compression where the format offers a choice\n"
-    "                     (tiff: none, lzw, deflate, packbits; exr: none, rle,\n"
+    "                     (tiff: none, lzw (default), deflate, packbits;\n"
+    "                     png: rle (default: fast, small for photographs and\n"
+    "                     renders), deflate (smaller for flat graphics and\n"
+    "                     text, slower), huffman, none; exr: none, rle,\n"
     "                     zips, zip, piz, pxr24, b44, b44a, dwaa, dwab;\n"
     "                     jpeg: baseline, progressive)\n"
+    "  --level N          deflate effort: png 0 (stored) to 9 (default 6;\n"
+    "                     it tells with --compression deflate); tiff with\n"
+    "                     deflate 1 to 9\n"
+    "  --png-filter F     png row filter: none, sub, up, average, paeth, or\n"
+    "                     adaptive (default: the best of them for each row)\n"
+    "  --predictor P      tiff with lzw or deflate: none, horizontal (default\n"
+    "                     for integers) or float (default for float samples)\n"
     "  --quality Q        quality of lossy formats, 1 to 100 (jpeg)\n"
     "  --frames LIST      frames of name.####.ext sequences: 1-100, 1-100x2\n"
     "                     (every 2nd), 1,5,9; without it, the frames on disk;\n"
@@ -314,6 +324,7 @@ const char *kSampleHelp =
     "  --size WxH         image size (default 320x240)\n"
     "  --key KEY          output format key (default: from OUT's extension)\n"
     "  --compression C    compression where the format offers a choice\n"
+    "  --level N, --png-filter F, --predictor P   as for convert\n"
     "  --attrib NAME=VALUE  set a text of the description\n"
     "  --stamp            record this user and host names in OUT\n";
 
@@ -424,6 +435,7 @@ int run_convert(const std::vector<std::string> &args) {
         else if (a == "--ch") channels = next_value(args, i);
         else if (a == "--stamp") write.texts.stamp = true;
         else if (parse_colour_option(args, i, read)) continue;
+        else if (parse_codec_option(args, i, write)) continue;
         else reject_option(a), paths.push_back(a);
     }
     if (paths.size() != 2) throw UsageError("convert needs IN and OUT");
@@ -541,6 +553,7 @@ int run_make_sample(const std::vector<std::string> &args) {
         else if (a == "--compression") write.compression = next_value(args, i);
         else if (a == "--attrib") add_attribute(write.texts, next_value(args, i));
         else if (a == "--stamp") write.texts.stamp = true;
+        else if (parse_codec_option(args, i, write)) continue;
         else if (a == "--size") {
             std::string size = next_value(args, i);
             std::size_t x = size.find('x');

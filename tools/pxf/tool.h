@@ -179,12 +179,21 @@ struct WriteOptions {
     std::string key;         // output driver; empty: from the file name
     std::string compression; // passed to the driver in info.compression
     int quality = 0;         // lossy drivers' quality 1..100 (a float setting); 0: the driver's default
+    // Compressor settings, sent after the method in info.compression; empty or -1: the driver's default.
+    std::string predictor;  // --predictor (tiff)
+    std::string png_filter; // --png-filter
+    int level = -1;         // --level 0..9
     std::string program = "pxf";
     TextOptions texts;
     int frame = -1;      // frame number to record, -1: the source's
     bool append = false; // add to an existing multi-frame container
     bool pipeline = true; // decode on a second thread while rows are encoded
 };
+
+// --predictor, --png-filter and --level (codec.cpp): true when args[i] was
+// one of them (its value taken); the text info.compression carries.
+bool parse_codec_option(const std::vector<std::string> &args, std::size_t &i, WriteOptions &options);
+std::string compression_text(const WriteOptions &options);
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
 // out of lines total.  Removes a partly written file on failure.

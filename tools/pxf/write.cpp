@@ -263,7 +263,8 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     info.key = key.data();
     info.handle = const_cast<char *>(path.c_str());
     info.program = const_cast<char *>(options.program.c_str());
-    info.compression = options.compression.empty() ? nullptr : const_cast<char *>(options.compression.c_str());
+    const std::string compression = compression_text(options);
+    info.compression = compression.empty() ? nullptr : const_cast<char *>(compression.c_str());
     apply_texts(info, options.texts);
     info.num_images = 1;
     info.images = &desc;
