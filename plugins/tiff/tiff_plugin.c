@@ -394,6 +394,12 @@ int imageReadOpen(PXF_IMAGE *image) {
     d->orientation = 0;
     set_group(&d->chan, colours == 3 ? "rgb" : "grey", colours, type, bps);
     set_group(&d->matte, "alpha", mattes, type, bps);
+    /* One association for the image: the first alpha sample's. */
+    for (s = 0; s < extra_count; ++s)
+        if (extra[s] == EXTRASAMPLE_ASSOCALPHA || extra[s] == EXTRASAMPLE_UNASSALPHA) {
+            d->matte.extra = extra[s] == EXTRASAMPLE_ASSOCALPHA ? PXF_MATTE_ASSOCIATED : PXF_MATTE_UNASSOCIATED;
+            break;
+        }
     set_group(&d->aux, "extra", auxes, type, bps);
     set_group(&d->index, NULL, 0, PXF_C_INTEGER, 16);
 
@@ -614,7 +620,9 @@ int imageWriteOpen(PXF_IMAGE *image) {
          TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)compression);
     if (ok && d->matte.count + d->aux.count > 0) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
-            extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
+            extra[s] = s >= d->matte.count                          ? EXTRASAMPLE_UNSPECIFIED
+                       : d->matte.extra == PXF_MATTE_UNASSOCIATED ? EXTRASAMPLE_UNASSALPHA
+                                                                  : EXTRASAMPLE_ASSOCALPHA;
         ok = TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
         /* libtiff reports success even when it could not copy the values:
          * read them back, or the mattes would be written as unspecified. */

@@ -106,7 +106,8 @@ TEST_F(TiffDriver, WritesEachCompressionForLibtiffWithExtraChannels) {
         TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &count, &extras);
         EXPECT_EQ(std::vector<int>({compression, spp, bps, count}), std::vector<int>({code, 6, 16, 3}));
         ASSERT_GE(count, 2);
-        EXPECT_EQ(extras[0] * 10 + extras[1], EXTRASAMPLE_UNASSALPHA * 10 + EXTRASAMPLE_UNSPECIFIED);
+        // A matte of no stated association is the library's: associated.
+        EXPECT_EQ(extras[0] * 10 + extras[1], EXTRASAMPLE_ASSOCALPHA * 10 + EXTRASAMPLE_UNSPECIFIED);
         std::vector<uint16_t> row(13 * 6);
         int wrong = 0;
         for (int y = 0; y < 5; ++y) {
@@ -120,6 +121,37 @@ TEST_F(TiffDriver, WritesEachCompressionForLibtiffWithExtraChannels) {
     compression_choice = "jpeg2000";
     EXPECT_FALSE(write_image(dir.file("bad.tif"), "tiff", in, choose_compression));
     EXPECT_NE(reports.last().find("jpeg2000"), std::string::npos);
+}
+
+// The extra-sample tag says whether colour is premultiplied; the label
+// travels through the description both ways, numbers untouched.
+TEST_F(TiffDriver, MatteAssociationTravelsWithTheExtraSampleTag) {
+    for (uint16_t tag : {EXTRASAMPLE_ASSOCALPHA, EXTRASAMPLE_UNASSALPHA}) {
+        SCOPED_TRACE(tag);
+        const Reference r{"RGBA", 8, false, PHOTOMETRIC_RGB, {tag}, PLANARCONFIG_CONTIG, COMPRESSION_NONE, "none", 1, {}};
+        write_reference(dir.file("ref.tif"), r, 5, 3);
+        Pixels p;
+        ASSERT_TRUE(read_image(dir.file("ref.tif"), nullptr, p));
+        EXPECT_EQ(p.matte.extra, tag == EXTRASAMPLE_ASSOCALPHA ? PXF_MATTE_ASSOCIATED : PXF_MATTE_UNASSOCIATED);
+    }
+    const std::pair<int, uint16_t> labels[] = {{PXF_MATTE_UNSPECIFIED, EXTRASAMPLE_ASSOCALPHA},
+                                               {PXF_MATTE_ASSOCIATED, EXTRASAMPLE_ASSOCALPHA},
+                                               {PXF_MATTE_UNASSOCIATED, EXTRASAMPLE_UNASSALPHA}};
+    for (const auto &[label, tag] : labels) {
+        SCOPED_TRACE(label);
+        Pixels in(4, 2, 3, 2, 1, PXF_C_INTEGER, 8, [](int c, int x, int y) { return sample(c, x, y, 8, false); }), back;
+        in.matte.extra = label;
+        ASSERT_TRUE(write_image(dir.file("out.tif"), "tiff", in));
+        TIFF *tif = TIFFOpen(dir.file("out.tif").c_str(), "r");
+        ASSERT_NE(tif, nullptr);
+        uint16_t count = 0, *extras = nullptr;
+        ASSERT_TRUE(TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &count, &extras));
+        EXPECT_EQ(std::vector<uint16_t>(extras, extras + count), (std::vector<uint16_t>{tag, tag, EXTRASAMPLE_UNSPECIFIED}));
+        TIFFClose(tif);
+        ASSERT_TRUE(read_image(dir.file("out.tif"), nullptr, back));
+        EXPECT_EQ(back.matte.extra, label == PXF_MATTE_UNASSOCIATED ? PXF_MATTE_UNASSOCIATED : PXF_MATTE_ASSOCIATED);
+        EXPECT_EQ(back.values, in.values);
+    }
 }
 
 // Mixed groups are stored as float, and float files are linear: encoded

@@ -54,8 +54,10 @@ void reject_option(const std::string &arg) {
 
 std::string json_string(const char *s) {
     if (!s) return "null";
+    // Header texts may hold Latin-1: JSON is UTF-8.
+    const std::string text = as_utf8(s);
     std::string out = "\"";
-    for (const unsigned char *c = reinterpret_cast<const unsigned char *>(s); *c; ++c) {
+    for (const unsigned char *c = reinterpret_cast<const unsigned char *>(text.c_str()); *c; ++c) {
         switch (*c) {
         case '"': out += "\\\""; break;
         case '\\': out += "\\\\"; break;
@@ -136,6 +138,9 @@ std::string describe_json(const std::string &path, const FileSource &file) {
          ", \"blue\": " + xy(info.blue_pri) + ", \"white\": " + xy(info.white_pt) + "},\n";
     s += "    \"frame\": " + std::to_string(info.frame) + ",\n";
     s += "    \"compression\": " + json_string(info.compression) + ",\n";
+    // The stored date stays among the texts; here it is in ISO 8601 (null when unreadable).
+    const std::string iso = iso_date(info.date);
+    s += "    \"date_iso8601\": " + json_string(iso.empty() ? nullptr : iso.c_str()) + ",\n";
     s += "    \"texts\": {";
     bool first = true;
     for (const Text &t : texts_of(info)) {
@@ -171,7 +176,10 @@ void describe_text(const std::string &path, const FileSource &file) {
                 xy(info.green_pri).c_str(), xy(info.blue_pri).c_str(), xy(info.white_pt).c_str());
     std::printf("  frame        %d\n", info.frame);
     std::printf("  compression  %s\n", info.compression ? info.compression : "unknown");
-    for (const Text &t : texts_of(info)) std::printf("  %-12s %s\n", t.key, t.value);
+    for (const Text &t : texts_of(info)) {
+        const std::string iso = t.value == info.date ? iso_date(t.value) : "";
+        std::printf("  %-12s %s%s\n", t.key, t.value, iso.empty() ? "" : (" (" + iso + ")").c_str());
+    }
 }
 
 // The frame numbers of a multi-frame image as ranges: "1-40, 42, 50-60".
