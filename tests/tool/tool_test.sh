@@ -330,6 +330,59 @@ resample)
   one_line_error 'from 1 to 1000000'
   [ ! -e x.png ] && [ ! -e x.rla ] || fail "a refused command left a file"
   ;;
+fidelity)
+  # A TIFF of premultiplied colour through RLA and back: same label, same numbers.
+  expect 0 "$pxf" make-sample s.rla --size 48x32
+  expect 0 "$pxf" convert s.rla a.tif --compression none
+  tiff_ok a.tif
+  has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+  expect 0 "$pxf" convert a.tif r.rla
+  expect 0 "$pxf" convert r.rla b.tif --compression none
+  tiff_ok b.tif
+  has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+  tiffcmp a.tif b.tif >/dev/null || fail "the numbers changed on the way through RLA"
+  # Unassociated colour goes into RLA premultiplied.
+  cp a.tif u.tif
+  tiffset -s 338 1 2 u.tif
+  expect 0 "$pxf" convert u.tif u.rla
+  expect 0 "$pxf" convert u.rla u2.tif --compression none
+  tiff_ok u2.tif
+  has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+  tiffset -s 338 1 2 u2.tif   # tiffcmp compares pixels only under equal tags
+  ! tiffcmp u.tif u2.tif >/dev/null || fail "unassociated colour was not premultiplied for RLA"
+  # 8-bit colour beside float depth stays 8-bit in TIFF (the depth is left
+  # out, with a note), also after --quantize 8 of float colour.
+  expect 0 "$pxf" convert s.rla f.rla --float
+  expect 0 "$pxf" convert f.rla q.tif --quantize 8 --compression none
+  tiff_ok q.tif
+  has 'Bits/Sample: 8' tiff.txt
+  has 'Samples/Pixel: 4' tiff.txt
+  has 'auxiliary channel left out' err.txt
+  # A PNG that says nothing of gamma and primaries gains neither.
+  echo 'iVBORw0KGgoAAAANSUhEUgAAAAQAAAACAQMAAABFZu8gAAAAA1BMVEXAgEB7inJBAAAADElEQVQI12NgYGAAAAAEAAEnNCcKAAAAAElFTkSuQmCC' |
+    base64 -d >bare.png
+  expect 0 "$pxf" convert bare.png again.png
+  pngcheck -v again.png >check.txt || fail "pngcheck rejects again.png"
+  ! grep -qE 'gAMA|cHRM' check.txt || fail "defaults stamped on a bare PNG: $(cat check.txt)"
+  expect 0 "$pxf" convert bare.png g.png --gamma 1.0
+  pngcheck -v g.png >check.txt
+  has 'gAMA.*1.0000' check.txt
+  # Options that change nothing say so.
+  expect 0 "$pxf" convert s.rla n.png --quantize 16 --compression lzw
+  has '\-\-quantize 16 changes nothing' err.txt
+  has '\-\-compression lzw changes nothing' err.txt
+  expect 0 "$pxf" -q convert s.rla n.png --quantize 16
+  [ ! -s err.txt ] || fail "-q printed: $(cat err.txt)"
+  # Header texts in Latin-1 still make valid JSON; dates read in ISO 8601.
+  tiffset -s 270 "$(printf 'caf\351')" a.tif
+  expect 0 "$pxf" info --json a.tif
+  iconv -f UTF-8 -t UTF-8 out.txt >/dev/null || fail "info --json wrote invalid UTF-8"
+  has "$(printf 'caf\303\251')"
+  has '"date_iso8601": "[0-9]\{4\}-[0-9][0-9]-[0-9][0-9]T[0-9:]\{8\}Z\?"'
+  pngcheck -t again.png >check.txt
+  grep -A1 'Creation Time' check.txt | grep -qE '[A-Z][a-z]{2}, [0-9]{2} [A-Z][a-z]{2} [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} GMT' ||
+    fail "Creation Time is no RFC 1123 date: $(cat check.txt)"
+  ;;
 *)
   fail "unknown case"
   ;;
