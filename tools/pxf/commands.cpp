@@ -166,10 +166,14 @@ void describe_text(const std::string &path, const FileSource &file) {
     std::printf("  window       %s\n", bounds(d.window).c_str());
     std::printf("  active       %s\n", bounds(d.active_window).c_str());
     std::printf("  colour       %s\n", group_text(d.chan).c_str());
-    std::printf("  matte        %s\n", group_text(d.matte).c_str());
+    std::printf("  matte        %s%s\n", group_text(d.matte).c_str(),
+                d.matte.count <= 0                            ? ""
+                : d.matte.extra == PXF_MATTE_UNASSOCIATED ? ", colour not premultiplied"
+                                                          : ", colour premultiplied");
     std::printf("  auxiliary    %s\n", group_text(d.aux).c_str());
     if (d.curve.kind == PXF_CURVE_GAMMA)
-        std::printf("  gamma        %s\n", number(d.curve.gamma).c_str());
+        std::printf("  gamma        %s%s\n", number(d.curve.gamma).c_str(),
+                    d.chan.extra & PXF_CHAN_GAMMA_ASSUMED ? " (assumed: the file does not say)" : "");
     else
         std::printf("  gamma        response curve of %d entries\n", d.curve.entries);
     std::printf("  primaries    red %s, green %s, blue %s, white %s\n", xy(info.red_pri).c_str(),
