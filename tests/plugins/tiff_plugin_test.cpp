@@ -154,6 +154,31 @@ TEST_F(TiffDriver, MatteAssociationTravelsWithTheExtraSampleTag) {
     }
 }
 
+// TIFF states no gamma and, here, no primaries: both read as assumed, and
+// assumed primaries are not written.  A PNG's RFC 1123 date becomes DateTime.
+void rfc_date(PXF_INFO &info) { set_text(info.date, "Thu, 01 Jan 1970 01:02:03 GMT"); }
+
+TEST_F(TiffDriver, AssumedPrimariesStayUnwrittenAndDatesTakeTiffForm) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    Pixels in(3, 2, 3, 0, 0, PXF_C_INTEGER, 8, [](int c, int x, int y) { return sample(c, x, y, 8, false); }), back;
+    for (int assumed : {0, PXF_CHAN_PRIMARIES_ASSUMED}) {
+        SCOPED_TRACE(assumed);
+        in.chan.extra = assumed;
+        ASSERT_TRUE(write_image(dir.file("out.tif"), "tiff", in, rfc_date));
+        TIFF *tif = TIFFOpen(dir.file("out.tif").c_str(), "r");
+        ASSERT_NE(tif, nullptr);
+        float *primaries = nullptr;
+        char *date = nullptr;
+        EXPECT_EQ(TIFFGetField(tif, TIFFTAG_PRIMARYCHROMATICITIES, &primaries) != 0, assumed == 0);
+        ASSERT_TRUE(TIFFGetField(tif, TIFFTAG_DATETIME, &date));
+        EXPECT_STREQ(date, "1970:01:01 01:02:03");
+        TIFFClose(tif);
+        ASSERT_TRUE(read_image(dir.file("out.tif"), nullptr, back));
+        EXPECT_EQ(back.chan.extra, PXF_CHAN_GAMMA_ASSUMED | assumed);
+    }
+}
+
 // Mixed groups are stored as float, and float files are linear: encoded
 // integer colour is decoded on the way.
 TEST_F(TiffDriver, MixedGroupsAreStoredAsLinearFloat) {
