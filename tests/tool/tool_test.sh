@@ -361,6 +361,8 @@ fidelity)
   # A PNG that says nothing of gamma and primaries gains neither.
   echo 'iVBORw0KGgoAAAANSUhEUgAAAAQAAAACAQMAAABFZu8gAAAAA1BMVEXAgEB7inJBAAAADElEQVQI12NgYGAAAAAEAAEnNCcKAAAAAElFTkSuQmCC' |
     base64 -d >bare.png
+  expect 0 "$pxf" info --json bare.png
+  has '"gamma_assumed": true, "primaries_assumed": true'
   expect 0 "$pxf" convert bare.png again.png
   pngcheck -v again.png >check.txt || fail "pngcheck rejects again.png"
   ! grep -qE 'gAMA|cHRM' check.txt || fail "defaults stamped on a bare PNG: $(cat check.txt)"

@@ -133,6 +133,11 @@ std::string describe_json(const std::string &path, const FileSource &file) {
     s += "    \"channels\": {\"colour\": " + group_json(d.chan) + ",\n                 \"matte\": " +
          group_json(d.matte) + ",\n                 \"auxiliary\": " + group_json(d.aux) + "},\n";
     s += "    \"gamma\": " + (d.curve.kind == PXF_CURVE_GAMMA ? number(d.curve.gamma) : std::string("null")) + ",\n";
+    // What the file left unsaid, and whether colour is premultiplied by the matte.
+    s += "    \"gamma_assumed\": " + std::string(d.chan.extra & PXF_CHAN_GAMMA_ASSUMED ? "true" : "false") +
+         ", \"primaries_assumed\": " + (d.chan.extra & PXF_CHAN_PRIMARIES_ASSUMED ? "true" : "false") +
+         ", \"premultiplied\": " +
+         (d.matte.count <= 0 ? "null" : d.matte.extra == PXF_MATTE_UNASSOCIATED ? "false" : "true") + ",\n";
     auto xy = [](const float *p) { return "[" + number(p[0]) + ", " + number(p[1]) + "]"; };
     s += "    \"primaries\": {\"red\": " + xy(info.red_pri) + ", \"green\": " + xy(info.green_pri) +
          ", \"blue\": " + xy(info.blue_pri) + ", \"white\": " + xy(info.white_pt) + "},\n";
