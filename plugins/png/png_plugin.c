@@ -489,7 +489,7 @@ static uint32_t element(const void *row, int bits, int x) {
 /* Colour value v of `bits` bits divided by the matte fraction a / a_top,
  * as a value of `to` bits.  Where the matte is 0 the division means nothing
  * and the colour stays; colour above its matte (not a valid premultiplied
- * pixel) is clipped to white. */
+ * pixel) is clipped to the largest value. */
 static unsigned unpremultiply(uint32_t v, int bits, uint32_t a, double a_top, int to) {
     double top = (double)((1u << to) - 1), c_top = bits >= 32 ? 4294967295.0 : (double)((1ull << bits) - 1), out;
     if (a == 0 || (double)a >= a_top) return rescale(v, bits, to);
