@@ -88,6 +88,7 @@ void copy_group_shape(PXF_CHAN_GROUP &to, const PXF_CHAN_GROUP &from) {
     to.count = from.count;
     to.type = from.type;
     to.width = from.width;
+    to.extra = from.extra;  // the matte's association, what the colour's file left unsaid
 }
 
 }  // namespace

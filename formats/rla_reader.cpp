@@ -309,6 +309,8 @@ bool fill_desc(PXF_IMAGE_DESC &d, const Header &h, int index) {
     fill_group(d.chan, h.chan_count, h.chan_type, h.chan_bits);
     fill_group(d.matte, h.matte_count, h.matte_type, h.matte_bits);
     fill_group(d.aux, h.aux_count, h.aux_type, h.aux_bits);
+    // Run-length files hold rendered pictures: colour premultiplied by the matte.
+    if (d.matte.count > 0) d.matte.extra = PXF_MATTE_ASSOCIATED;
     const char *unknown = pxf::text(pxf::kSetNames, 131, "unknown");
     return set(d.aspect, h.aspect) && set(d.chan.format, h.chan_format) && set(d.matte.format, unknown) &&
            set(d.aux.format, h.aux_format) && set(d.index.format, unknown);

@@ -49,7 +49,51 @@ struct ImageWriter {
     unsigned char *table;  // big-endian offsets, one per active scanline
     RLA_ENCODER *encoders;  // one per channel
     unsigned char *out;
+    // Unassociated colour is premultiplied into these rows, one per colour
+    // channel (null when the colour goes as it comes).
+    unsigned char *premultiplied;
+    std::size_t row_bytes;
+    PXF_CHAN_GROUP colour, matte;
 };
+
+// Element x of a caller's row of group g, as a number.
+double load(const void *row, const PXF_CHAN_GROUP &g, int x) {
+    if (g.type == PXF_C_FLOAT) return static_cast<const float *>(row)[x];
+    if (g.type == PXF_C_DOUBLE) return static_cast<const double *>(row)[x];
+    if (g.width <= 8) return static_cast<const uint8_t *>(row)[x];
+    if (g.width <= 16) return static_cast<const uint16_t *>(row)[x];
+    return static_cast<const uint32_t *>(row)[x];
+}
+
+double top_of(const PXF_CHAN_GROUP &g) {
+    if (g.type != PXF_C_INTEGER) return 1.0;
+    return g.width >= 32 ? 4294967295.0 : double((uint64_t(1) << g.width) - 1);
+}
+
+std::size_t element_bytes(const PXF_CHAN_GROUP &g) {
+    if (g.type == PXF_C_FLOAT) return 4;
+    if (g.type == PXF_C_DOUBLE) return 8;
+    return g.width <= 8 ? 1 : g.width <= 16 ? 2 : 4;
+}
+
+// RLA colour is premultiplied by the first matte channel: colour labelled
+// unassociated is multiplied on the way (auxiliary channels never are).
+void premultiply(const ImageWriter &w, void *const *channel, int c, unsigned char *to) {
+    const PXF_CHAN_GROUP &g = w.colour;
+    const double matte_top = top_of(w.matte), colour_top = top_of(g);
+    const void *from = channel[c], *matte = channel[w.colour.count];
+    for (int x = w.x_start; x < w.x_start + w.active_width; ++x) {
+        double v = load(from, g, x) * (load(matte, w.matte, x) / matte_top);
+        if (g.type == PXF_C_FLOAT) reinterpret_cast<float *>(to)[x] = float(v);
+        else if (g.type == PXF_C_DOUBLE) reinterpret_cast<double *>(to)[x] = v;
+        else {
+            v = v < 0.0 ? 0.0 : v > colour_top ? colour_top : v + 0.5;
+            if (g.width <= 8) to[x] = uint8_t(v);
+            else if (g.width <= 16) reinterpret_cast<uint16_t *>(to)[x] = uint16_t(v);
+            else reinterpret_cast<uint32_t *>(to)[x] = uint32_t(v);
+        }
+    }
+}
 
 bool put(OutFile &f, const void *data, std::size_t n) {
     if (std::fwrite(data, 1, n, f.stream) != n) {
@@ -196,6 +240,13 @@ bool prepare(ImageWriter &w, const PXF_IMAGE_DESC &d) {
         Fault fault;
         for (int i = 0; i < group.count; ++i) w.encoders[c++] = codec_for(group.type, group.width, fault)->encode;
     }
+    if (d.matte.extra == PXF_MATTE_UNASSOCIATED && d.chan.count > 0 && d.matte.count > 0) {
+        w.colour = d.chan;
+        w.matte = d.matte;
+        w.row_bytes = (std::size_t(w.width) * element_bytes(d.chan) + 7) & ~std::size_t(7);
+        w.premultiplied = static_cast<unsigned char *>(pxf::alloc(w.row_bytes * std::size_t(d.chan.count)));
+        if (!w.premultiplied) return false;
+    }
     return true;
 }
 
@@ -204,6 +255,8 @@ void release(ImageWriter *records, int count) {
         pxf::heap_free(records[i].out);
         pxf::heap_free(records[i].table);
         pxf::heap_free(records[i].encoders);
+        pxf::heap_free(records[i].premultiplied);
+        records[i].premultiplied = nullptr;
         records[i].out = records[i].table = nullptr;
         records[i].encoders = nullptr;
     }
@@ -242,7 +295,13 @@ int write_scan(void *data, int line, void ***rows, void **) {
         put32(w->table + 4 * (line - w->active.bottom), uint32_t(f.pos));
         void **channel = *rows;
         for (int c = 0; ok && c < w->channels; ++c) {
-            int length = w->encoders[c](channel[c], w->x_start, unsigned(w->active_width), w->out + 2);
+            const void *row = channel[c];
+            if (w->premultiplied && c < w->colour.count) {
+                unsigned char *to = w->premultiplied + std::size_t(c) * w->row_bytes;
+                premultiply(*w, channel, c, to);
+                row = to;
+            }
+            int length = w->encoders[c](row, w->x_start, unsigned(w->active_width), w->out + 2);
             put16(w->out, length);
             ok = put(f, w->out, std::size_t(length) + 2);
         }

@@ -92,7 +92,9 @@
  *   - allocate info.images (num_images descriptions, with the library's
  *     allocator semantics: the handle frees them with free()), fill each
  *     description from the file (windows, groups with count, type, width
- *     and a heap-allocated format name, step and orientation 1, image_kind);
+ *     and a heap-allocated format name, step and orientation 1, image_kind;
+ *     matte.extra when the file says whether colour is premultiplied, and
+ *     the PXF_CHAN_*_ASSUMED bits of chan.extra for defaults it filled in);
  *   - set private_data to a malloc'ed pointer table whose element 0 is the
  *     driver's record (both are freed with the handle by pxf__free_obj);
  *   - set scan (and optionally seek, direct_scan, lut_read) and close;
@@ -102,7 +104,9 @@
  *     library then frees the handle).
  * Write open (imageWriteOpen) receives a handle whose info and image
  * descriptions are the library's copies of the caller's; it checks them
- * (pxf__image_verify and its siblings for 8-bit drivers), sets
+ * (pxf__image_verify and its siblings for 8-bit drivers), labels or
+ * converts the colour by matte.extra where its format fixes the matte's
+ * meaning, records no property whose assumed bit is set, sets
  * private_data, scan and close the same way, and returns non-zero.
  *
  * Scan functions get private_data[0], the scanline, a pointer to the

@@ -137,8 +137,36 @@ typedef struct PXF_CHAN_GROUP {
     int32_t count; /* number of channels */
     int32_t type;  /* PXF_C_INTEGER, PXF_C_FLOAT or PXF_C_DOUBLE */
     int32_t width; /* bits per element */
-    int32_t extra;
+    int32_t extra; /* how to take the values: PXF_MATTE_* of the matte group,
+                      PXF_CHAN_* bits of the colour group; 0 elsewhere */
 } PXF_CHAN_GROUP;
+
+/*
+ * Mattes.  A matte is coverage, and the colour of a pixel is by convention
+ * premultiplied by it (associated): a pixel half covered by red holds 0.5
+ * red and matte 0.5, as renderers deliver it.  `matte.extra` says which
+ * meaning an image's colour has; 0 (unspecified) is taken as associated.
+ * Readers set it from the file (TIFF's extra-sample tag; PNG files are
+ * always unassociated; RLA files associated) and writers store it or
+ * convert: the PNG writer divides associated colour by the matte, leaving
+ * the colour of a pixel whose matte is 0 as it is; the TIFF writer labels
+ * the mattes to match.  Auxiliary channels are never touched.
+ */
+#define PXF_MATTE_UNSPECIFIED 0  /* not said: associated */
+#define PXF_MATTE_ASSOCIATED 1   /* colour premultiplied by the matte */
+#define PXF_MATTE_UNASSOCIATED 2 /* colour independent of the matte */
+
+/*
+ * What the file did not say.  A reader that fills in a default for a
+ * property its file left out sets these bits in `chan.extra` (the PNG
+ * reader assumes gamma 2.2 without gAMA and the default primaries without
+ * cHRM); a writer does not record a property whose bit is set, so a
+ * conversion does not stamp defaults on a file that had none.  Whoever
+ * changes the property (a gamma correction, other primaries) clears the
+ * bit.
+ */
+#define PXF_CHAN_GAMMA_ASSUMED 1     /* curve.gamma is a default */
+#define PXF_CHAN_PRIMARIES_ASSUMED 2 /* the info's primaries and white are defaults */
 
 /* Inclusive bounds: width = right - left + 1. */
 typedef struct PXF_BOUNDS {

@@ -126,6 +126,7 @@ struct Part {
     // Writing.
     PXF_CHAN_GROUP groups[3]{};
     double gamma = 1.0;
+    bool premultiply = false; // the caller's colour is unassociated
     int next_row = 0; // next EXR row expected
     size_t plane_bytes() const { return size_t(block_lines) * size_t(width) * 4; }
 };
@@ -535,6 +536,7 @@ bool read_part(File &f, int number, PXF_INFO &info, PXF_IMAGE_DESC &d, std::stri
     for (const Channel &c : p.channels) colours += c.group == kColour;
     describe_group(p.channels, kColour, colours == 3 ? "rgb" : "grey", d.chan);
     describe_group(p.channels, kMatte, "alpha", d.matte);
+    if (d.matte.count > 0) d.matte.extra = PXF_MATTE_ASSOCIATED; // EXR colour is premultiplied
     describe_group(p.channels, kAux, aux_names, d.aux);
     set_group(d.index, "", 0, PXF_C_INTEGER, 16);
 
@@ -711,6 +713,7 @@ bool plan_part(File &f, int number, const PXF_INFO &info, const PXF_IMAGE_DESC &
     p.display = Imath::Box2i(Imath::V2i(a.left, a.bottom), Imath::V2i(a.right, a.top));
     p.groups[kColour] = d.chan, p.groups[kMatte] = d.matte, p.groups[kAux] = d.aux;
     p.gamma = d.curve.kind == PXF_CURVE_GAMMA && d.curve.gamma > 0.0f ? d.curve.gamma : 1.0;
+    p.premultiply = d.matte.extra == PXF_MATTE_UNASSOCIATED && d.chan.count > 0 && d.matte.count > 0;
 
     exrlib::Compression compression;
     if (!parse_compression(info.compression, compression)) {
@@ -807,6 +810,29 @@ void put_row(const Part &p, const Channel &c, const void *src, char *dst) {
     }
 }
 
+// EXR colour is premultiplied: unassociated colour is multiplied by the
+// first matte channel once it is in the block (auxiliary channels never are).
+void premultiply(Part &p, size_t offset) {
+    auto at = [&](const Channel &c, const char *plane, int x) {
+        return c.slice_type == exrlib::HALF ? float(reinterpret_cast<const Imath::half *>(plane)[x])
+                                            : reinterpret_cast<const float *>(plane)[x];
+    };
+    size_t m = 0;
+    while (m < p.channels.size() && p.channels[m].index != p.groups[kColour].count) ++m;
+    if (m == p.channels.size() || p.channels[m].slice_type == exrlib::UINT) return;
+    const char *matte = p.block.data() + m * p.plane_bytes() + offset;
+    for (size_t c = 0; c < p.channels.size(); ++c) {
+        const Channel &ch = p.channels[c];
+        if (ch.group != kColour || ch.slice_type == exrlib::UINT) continue;
+        char *plane = p.block.data() + c * p.plane_bytes() + offset;
+        for (int x = 0; x < p.width; ++x) {
+            float v = at(ch, plane, x) * at(p.channels[m], matte, x);
+            if (ch.slice_type == exrlib::HALF) reinterpret_cast<Imath::half *>(plane)[x] = Imath::half(v);
+            else reinterpret_cast<float *>(plane)[x] = v;
+        }
+    }
+}
+
 // Hands the block's rows to the library once it holds a whole chunk or tile row.
 void flush_block(Part &p) {
     int first = p.data.min.y + (p.next_row - 1 - p.data.min.y) / p.block_lines * p.block_lines;
@@ -830,6 +856,7 @@ int write_scan(void *data, int line, void ***rows, void **) {
     size_t offset = size_t((p.next_row - p.data.min.y) % p.block_lines) * size_t(p.width) * 4;
     for (size_t c = 0; c < p.channels.size(); ++c)
         put_row(p, p.channels[c], (*rows)[p.channels[c].index], p.block.data() + c * p.plane_bytes() + offset);
+    if (p.premultiply) premultiply(p, offset);
     ++p.next_row;
     if (!block_full(p)) return 0;
     try {

@@ -1,9 +1,9 @@
 /*
  * PNG image driver: 8 and 16-bit grey, grey + alpha, RGB and RGBA, read
- * and written through libpng.  Alpha travels as one matte channel; gAMA,
- * cHRM and the common text keys travel with the description.  Writing
- * takes a matching method, a level and a row filter from the compression
- * text ("deflate;level=9;filter=paeth").
+ * and written through libpng.  Alpha travels as one matte channel, never
+ * premultiplied in the file; gAMA, cHRM and the common text keys travel
+ * with the description.  Writing takes a matching method, a level and a
+ * row filter from the compression text ("deflate;level=9;filter=paeth").
  *
  * libpng reports fatal errors by longjmp back into the function that set
  * the jump buffer, so every libpng call is made from a function whose
@@ -18,6 +18,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <zlib.h> /* the strategies' names */
+#include <time.h>
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
@@ -59,6 +60,7 @@ typedef struct {
     int bytes;        /* 1 or 2 per sample */
     int colour_bits;  /* caller's widths when writing, for rescaling */
     int matte_bits;
+    int divide;       /* the caller's colour is premultiplied: PNG's is not */
     int next_row;     /* file row (0 = top) of the next scanline */
     png_bytep row;    /* one interleaved row */
     png_bytep pixels; /* the whole image, for interlaced files */
@@ -242,7 +244,11 @@ static int read_header(png_file *p, PXF_IMAGE *image) {
     if (png_get_gAMA(p->png, p->info, &file_gamma) && file_gamma > 0.0)
         /* gAMA holds five digits: 45455 means 2.2, not 2.19998. */
         image->info.images->curve.gamma = (float)(floor(1000.0 / file_gamma + 0.5) / 1000.0);
-    if (png_get_valid(p->png, p->info, PNG_INFO_cHRM)) {
+    else
+        image->info.images->chan.extra |= PXF_CHAN_GAMMA_ASSUMED;
+    if (!png_get_valid(p->png, p->info, PNG_INFO_cHRM)) {
+        image->info.images->chan.extra |= PXF_CHAN_PRIMARIES_ASSUMED;
+    } else {
         double wx, wy, rx, ry, gx, gy, bx, by;
         PXF_INFO *info = &image->info;
         png_get_cHRM(p->png, p->info, &wx, &wy, &rx, &ry, &gx, &gy, &bx, &by);
@@ -361,6 +367,7 @@ int imageReadOpen(PXF_IMAGE *image) {
     d->orientation = 0;
     set_group(&d->chan, p->colours == 3 ? "rgb" : "grey", p->colours, 8 * p->bytes);
     set_group(&d->matte, p->alpha ? "alpha" : NULL, p->alpha, 8 * p->bytes);
+    if (p->alpha) d->matte.extra = PXF_MATTE_UNASSOCIATED;
     set_group(&d->aux, NULL, 0, 8);
     set_group(&d->index, NULL, 0, 16);
     image->scan = png_read_scan;
@@ -421,6 +428,41 @@ static int choose_coding(const char *text, png_coding *c, char *why, size_t why_
 
 static int start_file(png_file *p, const PXF_INFO *info, int colour_type, png_text *texts, int n);
 
+/* "Creation Time" holds an RFC 1123 date.  The library's own dates are
+ * "{seconds}" and TIFF's "YYYY:MM:DD HH:MM:SS" (local time); any other text
+ * is kept as it is. */
+static const char *creation_time(const char *text, char *out, size_t size) {
+    static const char days[7][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char months[12][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    struct tm when;
+    time_t seconds;
+    char *end = NULL;
+    if (!text) return NULL;
+    memset(&when, 0, sizeof when);
+    if (text[0] == '{') {
+        long long value = strtoll(text + 1, &end, 10);
+        if (end == text + 1 || strcmp(end, "}") != 0) return text;
+        seconds = (time_t)value;
+    } else if (strlen(text) == 19 && text[4] == ':' && text[7] == ':' && text[10] == ' ' &&
+               sscanf(text, "%4d:%2d:%2d %2d:%2d:%2d", &when.tm_year, &when.tm_mon, &when.tm_mday, &when.tm_hour,
+                      &when.tm_min, &when.tm_sec) == 6) {
+        when.tm_year -= 1900;
+        when.tm_mon -= 1;
+        when.tm_isdst = -1;
+        seconds = mktime(&when);
+        if (seconds == (time_t)-1) return text;
+    } else {
+        return text;
+    }
+    /* Day and month names are English whatever the locale. */
+    if (!gmtime_r(&seconds, &when) || when.tm_wday < 0 || when.tm_wday > 6 || when.tm_mon < 0 || when.tm_mon > 11)
+        return text;
+    snprintf(out, size, "%s, %02d %s %04d %02d:%02d:%02d GMT", days[when.tm_wday], when.tm_mday, months[when.tm_mon],
+             when.tm_year + 1900, when.tm_hour, when.tm_min, when.tm_sec);
+    return out;
+}
+
 /* Collects the texts worth keeping, then starts the file. */
 static int write_header(png_file *p, PXF_IMAGE *image, int colour_type) {
     PXF_INFO *info = &image->info;
@@ -429,12 +471,13 @@ static int write_header(png_file *p, PXF_IMAGE *image, int colour_type) {
         const char *text;
     } keys[7];
     png_text texts[7];
+    char date[40];
     int i, n = 0;
     keys[0].key = "Title", keys[0].text = info->name;
     keys[1].key = "Description", keys[1].text = info->desc;
     keys[2].key = "Software", keys[2].text = info->program;
     keys[3].key = "Author", keys[3].text = info->user;
-    keys[4].key = "Creation Time", keys[4].text = info->date;
+    keys[4].key = "Creation Time", keys[4].text = creation_time(info->date, date, sizeof date);
     keys[5].key = "Source", keys[5].text = info->machine;
     keys[6].key = "Comment", keys[6].text = info->text_a;
     for (i = 0; i < 7; ++i) {
@@ -455,10 +498,11 @@ static int start_file(png_file *p, const PXF_INFO *info, int colour_type, png_te
     png_init_io(p->png, p->file);
     png_set_IHDR(p->png, p->info, (png_uint_32)p->width, (png_uint_32)p->height, 8 * p->bytes, colour_type,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    if (d->curve.kind == PXF_CURVE_GAMMA && d->curve.gamma > 0.0f)
+    /* What the source file did not say is not said here either. */
+    if (d->curve.kind == PXF_CURVE_GAMMA && d->curve.gamma > 0.0f && !(d->chan.extra & PXF_CHAN_GAMMA_ASSUMED))
         png_set_gAMA(p->png, p->info, 1.0 / d->curve.gamma);
-    if (info->white_pt[1] > 0.0f && info->red_pri[1] > 0.0f && info->green_pri[1] > 0.0f &&
-        info->blue_pri[1] > 0.0f)
+    if (!(d->chan.extra & PXF_CHAN_PRIMARIES_ASSUMED) && info->white_pt[1] > 0.0f && info->red_pri[1] > 0.0f &&
+        info->green_pri[1] > 0.0f && info->blue_pri[1] > 0.0f)
         png_set_cHRM(p->png, p->info, info->white_pt[0], info->white_pt[1], info->red_pri[0], info->red_pri[1],
                      info->green_pri[0], info->green_pri[1], info->blue_pri[0], info->blue_pri[1]);
     if (n) png_set_text(p->png, p->info, texts, n);
@@ -510,9 +554,22 @@ static uint32_t element(const void *row, int bits, int x) {
     return ((const uint32_t *)row)[x];
 }
 
+/* Colour value v of `bits` bits divided by the matte fraction a / a_top,
+ * as a value of `to` bits.  Where the matte is 0 the division means nothing
+ * and the colour stays; colour above its matte (not a valid premultiplied
+ * pixel) is clipped to the largest value. */
+static unsigned unpremultiply(uint32_t v, int bits, uint32_t a, double a_top, int to) {
+    double top = (double)((1u << to) - 1), c_top = bits >= 32 ? 4294967295.0 : (double)((1ull << bits) - 1), out;
+    if (a == 0 || (double)a >= a_top) return rescale(v, bits, to);
+    out = (double)v / c_top * a_top / (double)a * top;
+    return out >= top ? (unsigned)top : (unsigned)(out + 0.5);
+}
+
 static int png_write_scan(void *data, int line, void ***rows, void **table) {
     png_file *p = (png_file *)data;
     int n = p->colours + p->alpha, x, c, bits;
+    const void *matte = p->alpha ? (*rows)[p->colours] : NULL;
+    double a_top = p->matte_bits >= 32 ? 4294967295.0 : (double)((1ull << p->matte_bits) - 1);
     (void)table;
     if (p->height - 1 - line != p->next_row) {
         pxf__err = PXF_E_BAD_SCANLINE;
@@ -520,12 +577,18 @@ static int png_write_scan(void *data, int line, void ***rows, void **table) {
     }
     for (c = 0; c < n; ++c) {
         const void *src = (*rows)[c];
+        int divide = p->divide && c < p->colours;
         bits = c < p->colours ? p->colour_bits : p->matte_bits;
         if (p->bytes == 1)
-            for (x = 0; x < p->width; ++x) p->row[x * n + c] = (png_byte)rescale(element(src, bits, x), bits, 8);
+            for (x = 0; x < p->width; ++x)
+                p->row[x * n + c] = (png_byte)(divide ? unpremultiply(element(src, bits, x), bits,
+                                                                      element(matte, p->matte_bits, x), a_top, 8)
+                                                      : rescale(element(src, bits, x), bits, 8));
         else
             for (x = 0; x < p->width; ++x)
-                ((uint16_t *)p->row)[x * n + c] = (uint16_t)rescale(element(src, bits, x), bits, 16);
+                ((uint16_t *)p->row)[x * n + c] =
+                    (uint16_t)(divide ? unpremultiply(element(src, bits, x), bits, element(matte, p->matte_bits, x), a_top, 16)
+                                      : rescale(element(src, bits, x), bits, 16));
     }
     if (p->failed || !write_row(p)) return write_failed(p);
     return 0;
@@ -577,6 +640,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->alpha = d->matte.count;
     p->colour_bits = d->chan.width;
     p->matte_bits = d->matte.width;
+    p->divide = p->alpha && d->matte.extra != PXF_MATTE_UNASSOCIATED;
     p->bytes = (d->chan.width > 8 || (p->alpha && d->matte.width > 8)) ? 2 : 1;
     colour_type = (p->colours == 3 ? PNG_COLOR_MASK_COLOR : 0) | (p->alpha ? PNG_COLOR_MASK_ALPHA : 0);
     p->row = (png_bytep)malloc((size_t)p->width * (size_t)(p->colours + p->alpha) * (size_t)p->bytes + 8);

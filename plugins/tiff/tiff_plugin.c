@@ -403,10 +403,21 @@ int imageReadOpen(PXF_IMAGE *image) {
     d->orientation = 0;
     set_group(&d->chan, colours == 3 ? "rgb" : "grey", colours, type, bps);
     set_group(&d->matte, "alpha", mattes, type, bps);
+    /* One association for the image: the first alpha sample's. */
+    for (s = 0; s < extra_count; ++s)
+        if (extra[s] == EXTRASAMPLE_ASSOCALPHA || extra[s] == EXTRASAMPLE_UNASSALPHA) {
+            d->matte.extra = extra[s] == EXTRASAMPLE_ASSOCALPHA ? PXF_MATTE_ASSOCIATED : PXF_MATTE_UNASSOCIATED;
+            break;
+        }
     set_group(&d->aux, "extra", auxes, type, bps);
     set_group(&d->index, NULL, 0, PXF_C_INTEGER, 16);
 
-    if (TIFFGetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, &values) && values) {
+    /* TIFF has no gamma tag; primaries are optional.  What the file does not
+     * say is marked, so that a conversion does not write the defaults. */
+    d->chan.extra |= PXF_CHAN_GAMMA_ASSUMED;
+    if (!TIFFGetField(p->tif, TIFFTAG_PRIMARYCHROMATICITIES, &values) || !values) {
+        d->chan.extra |= PXF_CHAN_PRIMARIES_ASSUMED;
+    } else {
         PXF_INFO *info = &image->info;
         float *pri[3] = {info->red_pri, info->green_pri, info->blue_pri};
         for (s = 0; s < 3; ++s) {
@@ -629,6 +640,24 @@ static int no_map(thandle_t h, void **base, toff_t *size) {
 }
 static void no_unmap(thandle_t h, void *base, toff_t size) { (void)h, (void)base, (void)size; }
 
+/* "Sun, 06 Nov 1994 08:49:37 GMT" as seconds since 1970. */
+static int rfc1123_seconds(const char *text, time_t *seconds) {
+    static const char months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    int day, year, hour, minute, second, used = 0, m;
+    long long y, days;
+    char month[4] = {0};
+    const char *at;
+    if (sscanf(text, "%*3s, %2d %3s %4d %2d:%2d:%2d GMT%n", &day, month, &year, &hour, &minute, &second, &used) != 6 ||
+        used != (int)strlen(text) || strlen(month) != 3 || !(at = strstr(months, month)) || (at - months) % 3)
+        return 0;
+    m = (int)(at - months) / 3 + 1;
+    /* Days from 1970-01-01 to the civil date (proleptic Gregorian). */
+    y = year - (m <= 2);
+    days = 365 * y + y / 4 - y / 100 + y / 400 + (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + day - 1 - 719468;
+    *seconds = (time_t)(days * 86400 + hour * 3600 + minute * 60 + second);
+    return 1;
+}
+
 /* A write open that failed after the allocations: the code, then the report. */
 static int setup_failed(tiff_file *p, int code, const char *what) {
     pxf__err = code;
@@ -643,6 +672,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     int k, s, bits = 8, any_float = 0, ok;
     tiff_coding coding;
     size_t line_bytes;
+    time_t rfc_seconds = 0;
     tiff_file *p;
     char text[120];
     if (!path) return report("tiff", "no file name");
@@ -716,7 +746,9 @@ int imageWriteOpen(PXF_IMAGE *image) {
          (!coding.level || TIFFSetField(p->tif, TIFFTAG_ZIPQUALITY, coding.level));
     if (ok && d->matte.count + d->aux.count > 0) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
-            extra[s] = s < d->matte.count ? EXTRASAMPLE_UNASSALPHA : EXTRASAMPLE_UNSPECIFIED;
+            extra[s] = s >= d->matte.count                          ? EXTRASAMPLE_UNSPECIFIED
+                       : d->matte.extra == PXF_MATTE_UNASSOCIATED ? EXTRASAMPLE_UNASSALPHA
+                                                                  : EXTRASAMPLE_ASSOCALPHA;
         ok = TIFFSetField(p->tif, TIFFTAG_EXTRASAMPLES, (uint16_t)(d->matte.count + d->aux.count), extra);
         /* libtiff reports success even when it could not copy the values:
          * read them back, or the mattes would be written as unspecified. */
@@ -728,7 +760,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
         }
     }
     ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, p->rows_per_strip);
-    if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f) {
+    if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f && !(d->chan.extra & PXF_CHAN_PRIMARIES_ASSUMED)) {
         float primaries[6] = {info->red_pri[0],   info->red_pri[1],  info->green_pri[0],
                               info->green_pri[1], info->blue_pri[0], info->blue_pri[1]};
         float white[2] = {info->white_pt[0], info->white_pt[1]};
@@ -738,9 +770,14 @@ int imageWriteOpen(PXF_IMAGE *image) {
     ok = ok && put_text(p->tif, TIFFTAG_DOCUMENTNAME, info->name) &&
          put_text(p->tif, TIFFTAG_IMAGEDESCRIPTION, info->desc) && put_text(p->tif, TIFFTAG_SOFTWARE, info->program) &&
          put_text(p->tif, TIFFTAG_ARTIST, info->user) && put_text(p->tif, TIFFTAG_HOSTCOMPUTER, info->machine);
-    /* DateTime has a fixed form, "YYYY:MM:DD HH:MM:SS"; the library's own
-     * dates are "{seconds}". */
+    /* DateTime has a fixed form, "YYYY:MM:DD HH:MM:SS" in local time; the
+     * library's own dates are "{seconds}", PNG's RFC 1123 dates. */
     if (!ok) {
+    } else if (info->date && rfc1123_seconds(info->date, &rfc_seconds)) {
+        char stamp[32];
+        struct tm when;
+        if (localtime_r(&rfc_seconds, &when) && strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) == 19)
+            ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, stamp);
     } else if (info->date && strlen(info->date) == 19 && info->date[4] == ':' && info->date[10] == ' ') {
         ok = TIFFSetField(p->tif, TIFFTAG_DATETIME, info->date);
     } else if (info->date && info->date[0] == '{') {

@@ -283,6 +283,44 @@ TEST_F(RlaRead, DescriptionComesFromTheHeader) {
     EXPECT_EQ(PXF_close(image), 0);
 }
 
+// RLA colour is premultiplied: colour labelled unassociated is multiplied by
+// the matte on the way in (depth untouched), and every file reads associated.
+TEST_F(RlaRead, MattesReadAssociatedAndUnassociatedColourIsPremultiplied) {
+    const double colour[4] = {200, 100, 7, 255}, matte[4] = {255, 128, 0, 51}, depth[4] = {5, -1, 2.5, 9};
+    const double premultiplied[4] = {200, 50, 0, 51};
+    for (int label : {PXF_MATTE_ASSOCIATED, PXF_MATTE_UNASSOCIATED}) {
+        SCOPED_TRACE(label);
+        PXF_IMAGE_DESC d = image_desc(4, 1, 3, PXF_C_INTEGER, 8, 1, 1);
+        d.aux.type = PXF_C_FLOAT, d.aux.width = 32;
+        d.matte.extra = label;
+        describe({d});
+        PXF_IMAGE *image = open(dir_.file("m.rla"), "w");
+        ASSERT_NE(image, nullptr);
+        void **rows = pxf__chan_alloc(&d, 4, "test");
+        for (int x = 0; x < 4; ++x) {
+            for (int c = 0; c < 3; ++c) static_cast<uint8_t *>(rows[c])[x] = uint8_t(colour[x]);
+            static_cast<uint8_t *>(rows[3])[x] = uint8_t(matte[x]);
+            static_cast<float *>(rows[4])[x] = float(depth[x]);
+        }
+        void **r = rows;
+        EXPECT_EQ(PXF_scan_write(image, 0, &r), 0);
+        EXPECT_EQ(PXF_close(image), 0);
+        image = open(dir_.file("m.rla"), "r", nullptr);
+        ASSERT_NE(image, nullptr);
+        EXPECT_EQ(image->info.images[0].matte.extra, PXF_MATTE_ASSOCIATED);
+        r = rows;
+        ASSERT_EQ(PXF_scan_read(image, 0, &r), 0);
+        const double *want = label == PXF_MATTE_ASSOCIATED ? colour : premultiplied;
+        for (int x = 0; x < 4; ++x) {
+            for (int c = 0; c < 3; ++c) EXPECT_EQ(static_cast<uint8_t *>(r[c])[x], want[x]) << x;
+            EXPECT_EQ(static_cast<uint8_t *>(r[3])[x], matte[x]);
+            EXPECT_EQ(static_cast<float *>(r[4])[x], float(depth[x]));
+        }
+        EXPECT_EQ(PXF_close(image), 0);
+        pxf__chan_free(rows);
+    }
+}
+
 TEST_F(RlaRead, StandardInputFromPipeOrFile) {
     describe({image_desc(20, 5, 3, PXF_C_INTEGER, 16), image_desc(3, 3, 1, PXF_C_FLOAT, 32)});
     const std::string path = dir_.file("in.rla");

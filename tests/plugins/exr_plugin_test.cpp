@@ -214,6 +214,25 @@ TEST_F(ExrDriver, WritesEveryCompressionScanlineOrTiledAsTheLibraryAndItsToolsRe
     EXPECT_EQ(back.mismatches([](int, int x, int) { return double(Imath::half(float(std::pow(x / 3.0, 2.2)))); }), 0);
 }
 
+// EXR colour is premultiplied: unassociated colour is multiplied by the
+// matte on the way in (depth untouched), and files read associated.
+TEST_F(ExrDriver, UnassociatedColourIsPremultiplied) {
+    const double colour[4] = {1, 0.5, 0.25, 2}, matte[4] = {1, 0.5, 0, 0.25}, depth[4] = {7, -3, 1.5, 0};
+    for (int label : {PXF_MATTE_ASSOCIATED, PXF_MATTE_UNASSOCIATED}) {
+        SCOPED_TRACE(label);
+        Pixels in(4, 1, 3, 1, 1, PXF_C_FLOAT, 32, [&](int c, int x, int) { return c < 3 ? colour[x] : c == 3 ? matte[x] : depth[x]; }), back;
+        in.gamma = 1.0f;
+        in.matte.extra = label;
+        ASSERT_TRUE(write_image(dir.file("m.exr"), "exr", in));
+        ASSERT_TRUE(read_image(dir.file("m.exr"), "exr", back));
+        EXPECT_EQ(back.matte.extra, PXF_MATTE_ASSOCIATED);
+        const bool times = label == PXF_MATTE_UNASSOCIATED;
+        EXPECT_EQ(back.mismatches([&](int c, int x, int) {
+            return c < 3 ? colour[x] * (times ? matte[x] : 1) : c == 3 ? matte[x] : depth[x];
+        }), 0);
+    }
+}
+
 TEST_F(ExrDriver, ExrmaketiledOutputAndMultiPartFilesRead) {
     const std::string scan = dir.file("scan.exr"), tiled = dir.file("tiled.exr");
     write_reference(scan, {{"B", exrlib::HALF}, {"G", exrlib::HALF}, {"R", exrlib::HALF}}, Box(V2i(0, 0), V2i(40, 30)),

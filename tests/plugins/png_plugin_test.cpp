@@ -27,14 +27,15 @@ const png_color kPalette[2] = {{10, 20, 30}, {200, 100, 50}};
 png_byte kAlpha[2] = {0, 255};
 
 // Writes a PNG with libpng alone.
-void write_reference(const std::string &path, int width, int height, int type, int depth, int interlace) {
+void write_reference(const std::string &path, int width, int height, int type, int depth, int interlace,
+                     bool with_gamma = true) {
     FILE *f = std::fopen(path.c_str(), "wb");
     ASSERT_NE(f, nullptr);
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(png);
     png_init_io(png, f);
     png_set_IHDR(png, info, width, height, depth, type, interlace, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_set_gAMA(png, info, 1.0 / 1.8);
+    if (with_gamma) png_set_gAMA(png, info, 1.0 / 1.8);
     if (type == PNG_COLOR_TYPE_PALETTE) png_set_PLTE(png, info, kPalette, 2), png_set_tRNS(png, info, kAlpha, 2, nullptr);
     png_write_info(png, info);
     const int n = type == PNG_COLOR_TYPE_PALETTE ? 1 : channels_of(type), bytes = depth / 8;
@@ -88,6 +89,7 @@ void describe_for_png(PXF_INFO &info) {
 
 TEST_F(PngDriver, WrittenFilesCarryGammaChromaticitiesAndTextForLibpng) {
     Pixels in(5, 3, 3, 1, 0, PXF_C_INTEGER, 16, [](int c, int x, int y) { return sample(c, x, y, 16); });
+    in.matte.extra = PXF_MATTE_UNASSOCIATED;  // stored as given
     in.gamma = 1.8f;
     const std::string path = dir.file("out.png");
     ASSERT_TRUE(write_image(path, "png", in, describe_for_png));
@@ -116,6 +118,56 @@ TEST_F(PngDriver, WrittenFilesCarryGammaChromaticitiesAndTextForLibpng) {
         for (int i = 0; i < 5 * 4; ++i) wrong += (row[2 * i] << 8 | row[2 * i + 1]) != sample(i % 4, i / 4, y, 16);
     }
     EXPECT_EQ(wrong, 0);
+    png_destroy_read_struct(&png, &info, nullptr);
+    std::fclose(f);
+}
+
+// PNG colour is never premultiplied: associated colour is divided by the
+// matte on the way in, and what is read is labelled unassociated.
+TEST_F(PngDriver, AssociatedColourIsDividedByTheMatte) {
+    // (colour, matte): transparent, half, opaque, colour above its matte, tiny matte.
+    const double colour[5] = {7, 64, 200, 150, 1}, matte[5] = {0, 128, 255, 100, 2};
+    const double divided[5] = {7, 128, 200, 255, 128};
+    for (int label : {PXF_MATTE_UNSPECIFIED, PXF_MATTE_ASSOCIATED, PXF_MATTE_UNASSOCIATED}) {
+        SCOPED_TRACE(label);
+        Pixels in(5, 1, 3, 1, 0, PXF_C_INTEGER, 8, [&](int c, int x, int) { return c < 3 ? colour[x] : matte[x]; }), back;
+        in.matte.extra = label;
+        ASSERT_TRUE(write_image(dir.file("a.png"), "png", in));
+        ASSERT_TRUE(read_image(dir.file("a.png"), nullptr, back));
+        EXPECT_EQ(back.matte.extra, PXF_MATTE_UNASSOCIATED);
+        const double *want = label == PXF_MATTE_UNASSOCIATED ? colour : divided;
+        EXPECT_EQ(back.mismatches([&](int c, int x, int) { return c < 3 ? want[x] : matte[x]; }), 0);
+    }
+}
+
+// A file that says nothing of its gamma or primaries reads with the
+// defaults, marked as assumed, and is written back saying nothing either.
+void date_zero(PXF_INFO &info) { set_text(info.date, "{0}"); }
+
+TEST_F(PngDriver, FileWithoutGammaOrChromaticitiesGainsNone) {
+    Pixels p;
+    write_reference(dir.file("said.png"), 3, 2, PNG_COLOR_TYPE_RGB, 8, PNG_INTERLACE_NONE);
+    ASSERT_TRUE(read_image(dir.file("said.png"), nullptr, p));
+    EXPECT_EQ(p.chan.extra, PXF_CHAN_PRIMARIES_ASSUMED);
+    write_reference(dir.file("bare.png"), 3, 2, PNG_COLOR_TYPE_RGB, 8, PNG_INTERLACE_NONE, false);
+    ASSERT_TRUE(read_image(dir.file("bare.png"), nullptr, p));
+    EXPECT_EQ(p.chan.extra, PXF_CHAN_GAMMA_ASSUMED | PXF_CHAN_PRIMARIES_ASSUMED);
+    EXPECT_FLOAT_EQ(p.gamma, 2.2f);
+    ASSERT_TRUE(write_image(dir.file("out.png"), "png", p, date_zero));
+
+    FILE *f = std::fopen(dir.file("out.png").c_str(), "rb");
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_init_io(png, f);
+    png_read_info(png, info);
+    EXPECT_FALSE(png_get_valid(png, info, PNG_INFO_gAMA));
+    EXPECT_FALSE(png_get_valid(png, info, PNG_INFO_cHRM));
+    // The library's "{seconds}" date becomes an RFC 1123 date.
+    png_textp texts;
+    const int count = png_get_text(png, info, &texts, nullptr);
+    EXPECT_TRUE(std::any_of(texts, texts + count, [](const png_text &t) {
+        return std::string(t.key) == "Creation Time" && std::string(t.text) == "Thu, 01 Jan 1970 00:00:00 GMT";
+    }));
     png_destroy_read_struct(&png, &info, nullptr);
     std::fclose(f);
 }

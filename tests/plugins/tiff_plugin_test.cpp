@@ -120,7 +120,8 @@ TEST_F(TiffDriver, WritesEachCompressionForLibtiffWithExtraChannels) {
         TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &count, &extras);
         EXPECT_EQ(std::vector<int>({compression, spp, bps, count}), std::vector<int>({code, 6, 16, 3}));
         ASSERT_GE(count, 2);
-        EXPECT_EQ(extras[0] * 10 + extras[1], EXTRASAMPLE_UNASSALPHA * 10 + EXTRASAMPLE_UNSPECIFIED);
+        // A matte of no stated association is the library's: associated.
+        EXPECT_EQ(extras[0] * 10 + extras[1], EXTRASAMPLE_ASSOCALPHA * 10 + EXTRASAMPLE_UNSPECIFIED);
         std::vector<uint16_t> row(13 * 6);
         int wrong = 0;
         for (int y = 0; y < 5; ++y) {
@@ -230,6 +231,62 @@ TEST_F(TiffDriver, CompressionSettingsItCannotHonourAreRefusedByName) {
         EXPECT_FALSE(write_image(dir.file("r.tif"), "tiff", ints, choose_compression));
         EXPECT_NE(reports.last().find(reason), std::string::npos) << reports.last();
         EXPECT_FALSE(std::ifstream(dir.file("r.tif")).good());
+    }
+}
+
+// The extra-sample tag says whether colour is premultiplied; the label
+// travels through the description both ways, numbers untouched.
+TEST_F(TiffDriver, MatteAssociationTravelsWithTheExtraSampleTag) {
+    for (uint16_t tag : {EXTRASAMPLE_ASSOCALPHA, EXTRASAMPLE_UNASSALPHA}) {
+        SCOPED_TRACE(tag);
+        const Reference r{"RGBA", 8, false, PHOTOMETRIC_RGB, {tag}, PLANARCONFIG_CONTIG, COMPRESSION_NONE, "none", 1, {}};
+        write_reference(dir.file("ref.tif"), r, 5, 3);
+        Pixels p;
+        ASSERT_TRUE(read_image(dir.file("ref.tif"), nullptr, p));
+        EXPECT_EQ(p.matte.extra, tag == EXTRASAMPLE_ASSOCALPHA ? PXF_MATTE_ASSOCIATED : PXF_MATTE_UNASSOCIATED);
+    }
+    const std::pair<int, uint16_t> labels[] = {{PXF_MATTE_UNSPECIFIED, EXTRASAMPLE_ASSOCALPHA},
+                                               {PXF_MATTE_ASSOCIATED, EXTRASAMPLE_ASSOCALPHA},
+                                               {PXF_MATTE_UNASSOCIATED, EXTRASAMPLE_UNASSALPHA}};
+    for (const auto &[label, tag] : labels) {
+        SCOPED_TRACE(label);
+        Pixels in(4, 2, 3, 2, 1, PXF_C_INTEGER, 8, [](int c, int x, int y) { return sample(c, x, y, 8, false); }), back;
+        in.matte.extra = label;
+        ASSERT_TRUE(write_image(dir.file("out.tif"), "tiff", in));
+        TIFF *tif = TIFFOpen(dir.file("out.tif").c_str(), "r");
+        ASSERT_NE(tif, nullptr);
+        uint16_t count = 0, *extras = nullptr;
+        ASSERT_TRUE(TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &count, &extras));
+        EXPECT_EQ(std::vector<uint16_t>(extras, extras + count), (std::vector<uint16_t>{tag, tag, EXTRASAMPLE_UNSPECIFIED}));
+        TIFFClose(tif);
+        ASSERT_TRUE(read_image(dir.file("out.tif"), nullptr, back));
+        EXPECT_EQ(back.matte.extra, label == PXF_MATTE_UNASSOCIATED ? PXF_MATTE_UNASSOCIATED : PXF_MATTE_ASSOCIATED);
+        EXPECT_EQ(back.values, in.values);
+    }
+}
+
+// TIFF states no gamma and, here, no primaries: both read as assumed, and
+// assumed primaries are not written.  A PNG's RFC 1123 date becomes DateTime.
+void rfc_date(PXF_INFO &info) { set_text(info.date, "Thu, 01 Jan 1970 01:02:03 GMT"); }
+
+TEST_F(TiffDriver, AssumedPrimariesStayUnwrittenAndDatesTakeTiffForm) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    Pixels in(3, 2, 3, 0, 0, PXF_C_INTEGER, 8, [](int c, int x, int y) { return sample(c, x, y, 8, false); }), back;
+    for (int assumed : {0, PXF_CHAN_PRIMARIES_ASSUMED}) {
+        SCOPED_TRACE(assumed);
+        in.chan.extra = assumed;
+        ASSERT_TRUE(write_image(dir.file("out.tif"), "tiff", in, rfc_date));
+        TIFF *tif = TIFFOpen(dir.file("out.tif").c_str(), "r");
+        ASSERT_NE(tif, nullptr);
+        float *primaries = nullptr;
+        char *date = nullptr;
+        EXPECT_EQ(TIFFGetField(tif, TIFFTAG_PRIMARYCHROMATICITIES, &primaries) != 0, assumed == 0);
+        ASSERT_TRUE(TIFFGetField(tif, TIFFTAG_DATETIME, &date));
+        EXPECT_STREQ(date, "1970:01:01 01:02:03");
+        TIFFClose(tif);
+        ASSERT_TRUE(read_image(dir.file("out.tif"), nullptr, back));
+        EXPECT_EQ(back.chan.extra, PXF_CHAN_GAMMA_ASSUMED | assumed);
     }
 }
 

@@ -52,15 +52,19 @@ make_sample_tiff)
   for c in none lzw deflate packbits; do
     expect 0 "$pxf" make-sample "s_$c.tif" --compression "$c" --size 96x64
     tiff_ok "s_$c.tif"
-    has 'Samples/Pixel: 5' tiff.txt
-    has 'Extra Samples: 2<unassoc-alpha, unspecified>' tiff.txt
+    # 8-bit colour and a float depth: the depth is left out, with a note,
+    # rather than every sample made float.
+    has 'Samples/Pixel: 4' tiff.txt
+    has 'Bits/Sample: 8' tiff.txt
+    has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+    has 'float auxiliary channel left out to keep the colour 8-bit' err.txt
   done
   grep -q 'Compression Scheme: LZW' <(tiffinfo s_lzw.tif) || fail "LZW not recorded"
   grep -q 'Compression Scheme: PackBits' <(tiffinfo s_packbits.tif) || fail "PackBits not recorded"
   expect 0 "$pxf" info s_deflate.tif s_none.tif
-  has 'auxiliary *1 x float 32-bit'
+  has 'auxiliary *none'
   has 'compression *Deflate'
-  expect 1 "$pxf" make-sample s_bad.tif --compression jpeg2000
+  expect 1 "$pxf" make-sample s_bad.tif --compression jpeg2000 -q
   one_line_error jpeg2000
   [ ! -e s_bad.tif ] || fail "a failed write leaves its file behind"
   # Predictors: ours reach the file; other programs' predicted strips read
@@ -278,7 +282,8 @@ texts)
   expect 2 "$pxf" convert t.tif x.tif --attrib colour=red
   one_line_error 'NAME=VALUE'
   # --ch selects and reorders: B,G,R swaps red and blue, R,G,B drops matte and depth.
-  expect 0 "$pxf" make-sample c.tif --size 40x8 --compression none
+  expect 0 "$pxf" make-sample c.rla --size 40x8
+  expect 0 "$pxf" convert c.rla c.tif --float --compression none   # float colour: depth goes along
   expect 0 "$pxf" convert c.tif bgr.tif --ch B,G,R,A,Z --compression none
   expect 0 "$pxf" convert bgr.tif back.tif --ch=b,g,r,a,z --compression none
   cmp -s c.tif back.tif || fail "--ch B,G,R twice is not the identity"
@@ -291,9 +296,9 @@ texts)
   ;;
 sequences)
   for f in 1 3 5 7; do expect 0 "$pxf" make-sample "shot_$f.tif" --size 8x4; done
-  for f in 1 3 5; do expect 0 "$pxf" make-sample "seq.000$f.tif" --size 8x4; done
+  for f in 1 3 5; do expect 0 "$pxf" make-sample "seq.000$f.rla" --size 8x4; done
   # Frames found on disk; %04d and @ patterns; one note per sequence.
-  expect 0 "$pxf" convert 'seq.%04d.tif' 'png.@@@@.png'
+  expect 0 "$pxf" convert 'seq.%04d.rla' 'png.@@@@.png'
   for f in 1 3 5; do pngcheck -q "png.000$f.png" >/dev/null || fail "png.000$f.png"; done
   [ "$(grep -c 'auxiliary' err.txt)" -eq 1 ] || { cat err.txt >&2; fail "the note was not said once per sequence"; }
   has 'png.@@@@.png: ' err.txt
@@ -308,10 +313,10 @@ sequences)
   expect 2 "$pxf" convert 'shot_#.tif' 'y.#.rla' --frames 1-5x0
   one_line_error step
   # info over a pattern; frames of other names in the directory stay out.
-  touch seq.0002x.tif seq.02.tif
-  expect 0 "$pxf" info 'seq.####.tif'
-  has '^seq.####.tif: 3 frames, 1-5x2$'
-  [ "$(grep -c 'format *tiff' out.txt)" -eq 3 ] || fail "info over a pattern: $(cat out.txt)"
+  touch seq.0002x.rla seq.02.rla
+  expect 0 "$pxf" info 'seq.####.rla'
+  has '^seq.####.rla: 3 frames, 1-5x2$'
+  [ "$(grep -c 'format *rla' out.txt)" -eq 3 ] || fail "info over a pattern: $(cat out.txt)"
   expect 1 "$pxf" info 'none.####.tif'
   one_line_error 'no files'
   ;;
@@ -342,6 +347,61 @@ resample)
   expect 2 "$pxf" convert s.rla x.png --resize 1000001x5
   one_line_error 'from 1 to 1000000'
   [ ! -e x.png ] && [ ! -e x.rla ] || fail "a refused command left a file"
+  ;;
+fidelity)
+  # A TIFF of premultiplied colour through RLA and back: same label, same numbers.
+  expect 0 "$pxf" make-sample s.rla --size 48x32
+  expect 0 "$pxf" convert s.rla a.tif --compression none
+  tiff_ok a.tif
+  has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+  expect 0 "$pxf" convert a.tif r.rla
+  expect 0 "$pxf" convert r.rla b.tif --compression none
+  tiff_ok b.tif
+  has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+  tiffcmp a.tif b.tif >/dev/null || fail "the numbers changed on the way through RLA"
+  # Unassociated colour goes into RLA premultiplied.
+  cp a.tif u.tif
+  tiffset -s 338 1 2 u.tif
+  expect 0 "$pxf" convert u.tif u.rla
+  expect 0 "$pxf" convert u.rla u2.tif --compression none
+  tiff_ok u2.tif
+  has 'Extra Samples: 1<assoc-alpha>' tiff.txt
+  tiffset -s 338 1 2 u2.tif   # tiffcmp compares pixels only under equal tags
+  ! tiffcmp u.tif u2.tif >/dev/null || fail "unassociated colour was not premultiplied for RLA"
+  # 8-bit colour beside float depth stays 8-bit in TIFF (the depth is left
+  # out, with a note), also after --quantize 8 of float colour.
+  expect 0 "$pxf" convert s.rla f.rla --float
+  expect 0 "$pxf" convert f.rla q.tif --quantize 8 --compression none
+  tiff_ok q.tif
+  has 'Bits/Sample: 8' tiff.txt
+  has 'Samples/Pixel: 4' tiff.txt
+  has 'auxiliary channel left out' err.txt
+  # A PNG that says nothing of gamma and primaries gains neither.
+  echo 'iVBORw0KGgoAAAANSUhEUgAAAAQAAAACAQMAAABFZu8gAAAAA1BMVEXAgEB7inJBAAAADElEQVQI12NgYGAAAAAEAAEnNCcKAAAAAElFTkSuQmCC' |
+    base64 -d >bare.png
+  expect 0 "$pxf" info --json bare.png
+  has '"gamma_assumed": true, "primaries_assumed": true'
+  expect 0 "$pxf" convert bare.png again.png
+  pngcheck -v again.png >check.txt || fail "pngcheck rejects again.png"
+  ! grep -qE 'gAMA|cHRM' check.txt || fail "defaults stamped on a bare PNG: $(cat check.txt)"
+  expect 0 "$pxf" convert bare.png g.png --gamma 1.0
+  pngcheck -v g.png >check.txt
+  has 'gAMA.*1.0000' check.txt
+  # Options that change nothing say so.
+  expect 0 "$pxf" convert s.rla n.png --quantize 16 --compression lzw
+  has '\-\-quantize 16 changes nothing' err.txt
+  has '\-\-compression lzw changes nothing' err.txt
+  expect 0 "$pxf" -q convert s.rla n.png --quantize 16
+  [ ! -s err.txt ] || fail "-q printed: $(cat err.txt)"
+  # Header texts in Latin-1 still make valid JSON; dates read in ISO 8601.
+  tiffset -s 270 "$(printf 'caf\351')" a.tif
+  expect 0 "$pxf" info --json a.tif
+  iconv -f UTF-8 -t UTF-8 out.txt >/dev/null || fail "info --json wrote invalid UTF-8"
+  has "$(printf 'caf\303\251')"
+  has '"date_iso8601": "[0-9]\{4\}-[0-9][0-9]-[0-9][0-9]T[0-9:]\{8\}Z\?"'
+  pngcheck -t again.png >check.txt
+  grep -A1 'Creation Time' check.txt | grep -qE '[A-Z][a-z]{2}, [0-9]{2} [A-Z][a-z]{2} [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} GMT' ||
+    fail "Creation Time is no RFC 1123 date: $(cat check.txt)"
   ;;
 *)
   fail "unknown case"

@@ -153,7 +153,11 @@ void stack_colour_stages(PXF_IMAGE *&image, const ReadOptions &options, const st
     } else if (pxf__err < 0) {
         fail_with_report(path, "cannot prepare the image for display");
     }
+    // What was chosen here is stated in the output, not taken as a default.
+    PXF_CHAN_GROUP &colour = image->info.images[0].chan;
+    if (options.has_primaries) colour.extra &= ~PXF_CHAN_PRIMARIES_ASSUMED;
     if (wanted && reencoded(image, below)) image->info.images[0].curve.gamma = kDisplayGamma;
+    if (wanted) colour.extra &= ~PXF_CHAN_GAMMA_ASSUMED;  // made for a display of that gamma
 }
 
 void print_stats(PXF_IMAGE *image, const std::string &path, bool json, std::string *json_out) {

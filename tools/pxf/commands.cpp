@@ -54,8 +54,10 @@ void reject_option(const std::string &arg) {
 
 std::string json_string(const char *s) {
     if (!s) return "null";
+    // Header texts may hold Latin-1: JSON is UTF-8.
+    const std::string text = as_utf8(s);
     std::string out = "\"";
-    for (const unsigned char *c = reinterpret_cast<const unsigned char *>(s); *c; ++c) {
+    for (const unsigned char *c = reinterpret_cast<const unsigned char *>(text.c_str()); *c; ++c) {
         switch (*c) {
         case '"': out += "\\\""; break;
         case '\\': out += "\\\\"; break;
@@ -131,11 +133,19 @@ std::string describe_json(const std::string &path, const FileSource &file) {
     s += "    \"channels\": {\"colour\": " + group_json(d.chan) + ",\n                 \"matte\": " +
          group_json(d.matte) + ",\n                 \"auxiliary\": " + group_json(d.aux) + "},\n";
     s += "    \"gamma\": " + (d.curve.kind == PXF_CURVE_GAMMA ? number(d.curve.gamma) : std::string("null")) + ",\n";
+    // What the file left unsaid, and whether colour is premultiplied by the matte.
+    s += "    \"gamma_assumed\": " + std::string(d.chan.extra & PXF_CHAN_GAMMA_ASSUMED ? "true" : "false") +
+         ", \"primaries_assumed\": " + (d.chan.extra & PXF_CHAN_PRIMARIES_ASSUMED ? "true" : "false") +
+         ", \"premultiplied\": " +
+         (d.matte.count <= 0 ? "null" : d.matte.extra == PXF_MATTE_UNASSOCIATED ? "false" : "true") + ",\n";
     auto xy = [](const float *p) { return "[" + number(p[0]) + ", " + number(p[1]) + "]"; };
     s += "    \"primaries\": {\"red\": " + xy(info.red_pri) + ", \"green\": " + xy(info.green_pri) +
          ", \"blue\": " + xy(info.blue_pri) + ", \"white\": " + xy(info.white_pt) + "},\n";
     s += "    \"frame\": " + std::to_string(info.frame) + ",\n";
     s += "    \"compression\": " + json_string(info.compression) + ",\n";
+    // The stored date stays among the texts; here it is in ISO 8601 (null when unreadable).
+    const std::string iso = iso_date(info.date);
+    s += "    \"date_iso8601\": " + json_string(iso.empty() ? nullptr : iso.c_str()) + ",\n";
     s += "    \"texts\": {";
     bool first = true;
     for (const Text &t : texts_of(info)) {
@@ -161,17 +171,24 @@ void describe_text(const std::string &path, const FileSource &file) {
     std::printf("  window       %s\n", bounds(d.window).c_str());
     std::printf("  active       %s\n", bounds(d.active_window).c_str());
     std::printf("  colour       %s\n", group_text(d.chan).c_str());
-    std::printf("  matte        %s\n", group_text(d.matte).c_str());
+    std::printf("  matte        %s%s\n", group_text(d.matte).c_str(),
+                d.matte.count <= 0                            ? ""
+                : d.matte.extra == PXF_MATTE_UNASSOCIATED ? ", colour not premultiplied"
+                                                          : ", colour premultiplied");
     std::printf("  auxiliary    %s\n", group_text(d.aux).c_str());
     if (d.curve.kind == PXF_CURVE_GAMMA)
-        std::printf("  gamma        %s\n", number(d.curve.gamma).c_str());
+        std::printf("  gamma        %s%s\n", number(d.curve.gamma).c_str(),
+                    d.chan.extra & PXF_CHAN_GAMMA_ASSUMED ? " (assumed: the file does not say)" : "");
     else
         std::printf("  gamma        response curve of %d entries\n", d.curve.entries);
     std::printf("  primaries    red %s, green %s, blue %s, white %s\n", xy(info.red_pri).c_str(),
                 xy(info.green_pri).c_str(), xy(info.blue_pri).c_str(), xy(info.white_pt).c_str());
     std::printf("  frame        %d\n", info.frame);
     std::printf("  compression  %s\n", info.compression ? info.compression : "unknown");
-    for (const Text &t : texts_of(info)) std::printf("  %-12s %s\n", t.key, t.value);
+    for (const Text &t : texts_of(info)) {
+        const std::string iso = t.value == info.date ? iso_date(t.value) : "";
+        std::printf("  %-12s %s%s\n", t.key, t.value, iso.empty() ? "" : (" (" + iso + ")").c_str());
+    }
 }
 
 // The frame numbers of a multi-frame image as ranges: "1-40, 42, 50-60".

@@ -73,6 +73,33 @@ Group fit_group(const Group &from, int count_limit, int bits_limit) {
     return g;
 }
 
+// Formats whose files hold one sample type for every channel.
+bool one_sample_type(const PXF_TYPE &driver) { return driver.key && std::strcmp(driver.key, "tiff") == 0; }
+
+// Integer colour in a file of one sample type beside float channels would
+// make every sample float (and the colour linear light).  The colour keeps
+// its integers instead: a float matte is stored like the colour, and float
+// auxiliary channels are left out, with a note saying so.
+void keep_colour_depth(Layout &to, const PXF_TYPE &driver, std::vector<std::string> &notes) {
+    const Group &colour = to.group[kColour];
+    if (!one_sample_type(driver) || colour.count < 1 || colour.type != PXF_C_INTEGER) return;
+    const std::string kept = std::to_string(colour.width) + "-bit";
+    Group &matte = to.group[kMatte];
+    if (matte.count > 0 && matte.type != PXF_C_INTEGER) {
+        matte.type = PXF_C_INTEGER;
+        matte.width = colour.width;
+        notes.push_back(std::string(driver.key) + " holds one sample type per file: the " + type_name(PXF_C_FLOAT) +
+                        " matte is stored as " + kept + " integers like the colour");
+    }
+    Group &aux = to.group[kAux];
+    if (aux.count > 0 && aux.type != PXF_C_INTEGER) {
+        notes.push_back(std::string(driver.key) + " holds one sample type per file: " + std::to_string(aux.count) +
+                        " " + type_name(aux.type) + " auxiliary channel" + (aux.count == 1 ? "" : "s") +
+                        " left out to keep the colour " + kept + " (rla and exr files keep both)");
+        aux.count = 0;
+    }
+}
+
 }  // namespace
 
 int element_size(const Group &g) {
@@ -146,6 +173,7 @@ Layout fit_to_driver(const Layout &from, const PXF_TYPE &driver, std::vector<std
                                       names[k] + " channel" + (to.group[k].count == 1 ? "" : "s") + ": " +
                                       std::to_string(dropped) + " left out");
     }
+    keep_colour_depth(to, driver, notes);
     return to;
 }
 

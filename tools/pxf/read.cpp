@@ -93,14 +93,19 @@ FileSource::FileSource(const std::string &path, const ReadOptions &options) : pa
             // The operator leaves the described gamma alone; the rows now
             // carry the requested one, and later stages (cast, the writer)
             // must see that.
-            if (image_->close != before) image_->info.images[0].curve.gamma = options.gamma;
+            if (image_->close != before) {
+                image_->info.images[0].curve.gamma = options.gamma;
+                image_->info.images[0].chan.extra &= ~PXF_CHAN_GAMMA_ASSUMED;
+            }
         }
         if (options.to_float) image_ = PXF__cast(image_);
         if (options.quantize > 0) {
             // Colour and matte only: depth values lie outside 0..1 and the
             // operator does not clip.
             const PXF_CHAN_TYPE request[3] = {{PXF_C_INTEGER, options.quantize}, {PXF_C_INTEGER, options.quantize}, {0, 0}};
+            const Layout before = layout_of(image_->info.images[0]);
             image_ = PXF__quantize(image_, request);
+            note_unchanged_quantize(path, options.quantize, before, layout_of(image_->info.images[0]));
         }
         stack_colour_stages(image_, options, path);
     } catch (...) {

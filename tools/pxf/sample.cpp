@@ -1,5 +1,6 @@
 // The built-in sample image: colour bars over grey and hue ramps, a matte
-// with soft edges and a depth channel, so that a demo needs no input file.
+// with soft edges (colour premultiplied by it) and a depth channel, so that a
+// demo needs no input file.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -29,6 +30,7 @@ public:
         desc_.step = 1;
         desc_.orientation = 0;
         apply_layout(desc_, layout_);
+        desc_.matte.extra = PXF_MATTE_ASSOCIATED;  // as a renderer delivers it
         PXF_info_init(&info_);
         info_.name = name_.data();
         info_.desc = text_.data();
@@ -50,6 +52,7 @@ public:
         for (int x = 0; x < w; ++x) {
             colour(x, y, r[x], g[x], b[x]);
             a[x] = matte(x, y);
+            for (uint8_t *c : {&r[x], &g[x], &b[x]}) *c = uint8_t((*c * a[x] + 127) / 255);
             z[x] = depth(x, y);
         }
         return rows;

@@ -128,6 +128,19 @@ private:
     void **rows_ = nullptr;
 };
 
+// ---- Options that change nothing, and dates (notes.cpp) ----
+
+// Says so when --quantize left the colour and matte as they were.
+void note_unchanged_quantize(const std::string &path, int bits, const Layout &before, const Layout &after);
+// Says so when the output format has no choice of compression.
+void note_unused_compression(const PXF_TYPE &driver, const std::string &path, const std::string &compression);
+// A stored date ("{seconds}", "YYYY:MM:DD HH:MM:SS", an RFC 1123 date) in
+// ISO 8601, or "" when the text is none of these.
+std::string iso_date(const char *text);
+// Text of a file's header as valid UTF-8: bytes that are not UTF-8 are
+// taken as Latin-1.
+std::string as_utf8(const char *text);
+
 // ---- Sources and the writer (write.cpp) ----
 
 // Something that delivers scanlines of one layout.

@@ -213,6 +213,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     const Layout &from = source.layout();
     Layout to = fit_to_driver(from, *driver, notes);
     for (const std::string &note : notes) note_that(path + ": " + note);
+    note_unused_compression(*driver, path, options.compression);
     if (to.group[kColour].count < 1) throw Failure(path + ": the image has no colour channels");
 
     PXF_IMAGE_DESC desc = source.desc();
@@ -224,7 +225,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
                                  desc.curve.gamma == 1.0f
                              ? FMT_def_gamma()
                              : 1.0f;
-    if (encode != 1.0f) desc.curve.gamma = encode;
+    if (encode != 1.0f) desc.curve.gamma = encode, desc.chan.extra &= ~PXF_CHAN_GAMMA_ASSUMED;
     ChannelBuffer encoded = encode != 1.0f ? ChannelBuffer(from, from.width) : ChannelBuffer();
     desc.curve.tables = nullptr;
     desc.image_kind = 1;
