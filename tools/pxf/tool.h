@@ -308,6 +308,7 @@ int run_convert(const std::vector<std::string> &args);
 int run_make_sample(const std::vector<std::string> &args);
 int run_mipmap(const std::vector<std::string> &args);
 int run_swatch(const std::vector<std::string> &args);
+int run_palette(const std::vector<std::string> &args);  // palette.cpp
 
 // ---- Resizing (texture.cpp) ----
 
