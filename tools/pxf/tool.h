@@ -178,6 +178,9 @@ struct WriteOptions {
     TextOptions texts;
     int frame = -1;      // frame number to record, -1: the source's
     bool append = false; // add to an existing multi-frame container
+    // Packing frames: null, the first frame opens the container and leaves it
+    // here; later frames go into it; the caller closes it.
+    PXF_IMAGE **container = nullptr;
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done
