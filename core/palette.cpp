@@ -179,10 +179,7 @@ PXF_LUT *parse_jasc(const char *text, std::size_t size, const char *name) {
     if (!lines.next(b, e)) return refused(name, kMsgDamaged, "%s: the palette is damaged or truncated");
     unsigned long count;
     const char *p = b;
-    if (!number(p, e, 99999999ul, count) || p != e) {
-        if (p < e && *p >= '0' && *p <= '9') return too_many(name, count);
-        return bad_line(name, lines.number);
-    }
+    if (!number(p, e, 0xffffffffUL, count) || p != e) return bad_line(name, lines.number);
     if (count == 0) return refused(name, kMsgEmpty, "%s: the palette has no entries");
     if (count > PXF_LUT_MAX_ENTRIES) return too_many(name, count);
     // Every colour line is at least 6 bytes: a count beyond the text is
