@@ -256,6 +256,19 @@ TEST_F(Container, AnAppendCutShortAnywhereKeepsTheOldContainer) {
     EXPECT_GT(refused, 10);
     EXPECT_EQ(finished, 2) << "only the limit at the whole append's end lets it finish";
 
+    // An empty file (as UTL_output_open leaves one) opened to append starts a container.
+    const std::string empty = dir_.file("empty.mpc");
+    write_file(empty, "");
+    PXF_IMAGE *fresh = open("w", true, empty);
+    ASSERT_NE(fresh, nullptr);
+    ASSERT_TRUE(write_frame(fresh, 8));
+    ASSERT_EQ(PXF_close(fresh), 0);
+    fresh = open("r", false, empty);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(frames_of(fresh), std::vector<int>{8});
+    expect_frame(fresh, 8, rng);
+    EXPECT_EQ(PXF_close(fresh), 0);
+
     // A killed append's leftover bytes do not stop the next one.
     write_file(path_, before + std::string(100, 'x'));
     ASSERT_TRUE(write({4}, true));
