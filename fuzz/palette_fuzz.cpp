@@ -2,6 +2,7 @@
 // accepts, writes every form back and reads it again.
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 
 #include <pxf/err.h>
 #include <pxf/palette.h>
