@@ -29,7 +29,7 @@ public:
         if (got == 0) throw Failure("--crop: the rectangle lies outside the image");
         // The rectangle is a new image with its window at the origin: most
         // formats have no place for a window's offset.
-        rect_ = rect;
+        rect_ = {0, 0, rect.xmax - rect.xmin, got - 1};  // in the new image's coordinates
         desc_ = source.desc();
         desc_.window = {0, rect.xmax - rect.xmin, 0, got - 1};
         PXF_BOUNDS &a = desc_.active_window;
@@ -44,12 +44,12 @@ public:
     const PXF_IMAGE_DESC &desc() const override { return desc_; }
     const PXF_INFO *info() const override { return source_.info(); }
     bool bottom_up() const override { return true; }
-    void *const *row(int line) override { return held_[std::size_t(line)].rows(); }
+    void *const *row(int line) override { return held_[std::size_t(line - rect_.ymin)].rows(); }
 
 private:
     FileSource &source_;
     std::vector<ChannelBuffer> held_;
-    RCT_RECT rect_{};
+    RCT_RECT rect_{};  // the rows held, in the new image's coordinates
     PXF_IMAGE_DESC desc_{};
     Layout layout_;
 };

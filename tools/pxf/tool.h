@@ -176,11 +176,11 @@ struct WriteOptions {
     int quality = 0;         // lossy drivers' quality 1..100 (a float setting); 0: the driver's default
     std::string program = "pxf";
     TextOptions texts;
-    int frame = -1;      // frame number to record, -1: the source's
-    bool append = false; // add to an existing multi-frame container
     // Packing frames: null, the first frame opens the container and leaves it
     // here; later frames go into it; the caller closes it.
     PXF_IMAGE **container = nullptr;
+    int frame = -1;      // frame number to record, -1: the source's
+    bool append = false; // add to an existing multi-frame container
 };
 
 // Writes every scanline of `source` to `path`; `progress` gets lines done

@@ -1,5 +1,4 @@
 // Writing an image: pick the driver, fit the layout to it, stream the rows.
-#include <pxf/frames.h>
 #include <pxf/utl.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <cstring>
 
 #include <pxf/fmt.h>
+#include <pxf/frames.h>
 
 #include "tool.h"
 
