@@ -1,6 +1,10 @@
 // Writing containers: frame blocks are appended as their scanlines come, the
-// index and the header's pointer to it are written at close, so a failure on
-// the way leaves a container's earlier frames as they were.
+// index and the header's pointer to it are written at close.  Appending never
+// writes inside the old container: new blocks and the new index go after its
+// end, reach the disk, and only then does one 12-byte write of the header
+// (frame count and index offset) switch readers over.  Until that write the
+// old header points at the old index, so a writer killed at any point leaves
+// the old frames readable; a write that fails is cut back to the old size.
 #include <fcntl.h>
 #include <unistd.h>
 #include <sys/stat.h>
@@ -21,11 +25,16 @@ using namespace pxf::mpc;
 using pxf::kSetMessages;
 namespace rla = pxf::rla;
 
+// The header's frame count and index offset, side by side: rewritten by one
+// write that lies within the file's first sector.
+constexpr std::size_t kSwitchAt = 12, kSwitchSize = 12;
+
 struct Writer {
     pxf::Frames frames;  // element 1 of the private data
     std::FILE *stream;
     char *path;
     bool created;       // by this open: removed when the write fails
+    bool had_index;     // appending to a container whose index must survive until the switch
     uint64_t original;  // size of an appended container before this open
     uint64_t end;       // where the next byte goes
     Header header;
@@ -208,7 +217,12 @@ bool finish(Writer &w) {
     w.header.index = at;
     unsigned char bytes[kHeaderSize];
     pack(w.header, bytes);
-    return put_at(w, 0, bytes, kHeaderSize) && std::fflush(w.stream) == 0;
+    if (!w.had_index) return put_at(w, 0, bytes, kHeaderSize) && std::fflush(w.stream) == 0;
+    // The new frames and index reach the disk before the header names them,
+    // so not even a crash can leave a header pointing at data never written.
+    // The rest of the header is the container's own and is not rewritten.
+    if (fdatasync(fileno(w.stream)) != 0) return false;
+    return put_at(w, kSwitchAt, bytes + kSwitchAt, kSwitchSize) && std::fflush(w.stream) == 0;
 }
 
 void release(Writer *w) {
@@ -317,6 +331,20 @@ bool reopen(Writer &w, const char *path) {
     Layout layout;
     uint32_t count = 0;
     Entry *index = nullptr;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0) {
+        // An empty file (such as one made by UTL_output_open) starts a new
+        // container in place; a failure cuts it back to empty.
+        if (!(w.stream = fdopen(fd, "r+b"))) {
+            ::close(fd);
+            return pxf::fail(false, pxf::kErrMissingField, kSetMessages, rla::kMsgCannotOpen,
+                             "Cannot open file %s; %s", path, std::strerror(errno));
+        }
+        std::setvbuf(w.stream, nullptr, _IOFBF, 1 << 16);
+        unsigned char bytes[kHeaderSize];
+        pack(w.header, bytes);
+        if (!put(w, bytes, kHeaderSize)) return cannot_write(w), undo(w), false;
+        return true;
+    }
     if (fstat(fd, &st) != 0 || !load_index(fd, path, uint64_t(st.st_size), old, layout, index, count)) {
         ::close(fd);
         return pxf__err = pxf__err ? pxf__err : pxf::kErrFlush, false;
@@ -337,6 +365,7 @@ bool reopen(Writer &w, const char *path) {
     w.index = index;
     w.count = w.capacity = count;
     w.original = w.end = uint64_t(st.st_size);
+    w.had_index = old.index != 0;
     w.header = old;  // the same shape; the container keeps its own texts
     return true;
 }

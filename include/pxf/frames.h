@@ -71,10 +71,23 @@
  * finishes the frame and starts another, in any order (a frame number given
  * again replaces the earlier frame).  With info.option_flag set, an existing
  * container is opened to append frames; the description given must match
- * its own.  The index and header are written at PXF_close, so a container
- * that fails part-way keeps its previous frames readable; a container
- * created by a failing write is removed.  A frame left incomplete when the
- * next begins or at close is not indexed.
+ * its own (an existing empty file, such as one UTL_output_open made, is
+ * started as a new container).  A container created by a failing write is
+ * removed.  A frame left incomplete when the next begins or at close is not
+ * indexed.
+ *
+ * Appending is safe against interruption: nothing inside the old container
+ * is written.  The new frame blocks and then a whole new index go after its
+ * old end; once they are on the disk (fdatasync), one 12-byte write of the
+ * header's bytes 12 to 23 (frame count and index offset, within the file's
+ * first sector) makes them the container's.  Until that write the header
+ * still names the old index, so a writer killed at any point leaves the old
+ * frames readable and the old bytes unchanged, with at most unreferenced
+ * bytes after them (readers ignore them; the next append goes after them).
+ * An append that fails with an error cuts the file back to its old size,
+ * byte for byte as it was.  Each append leaves the old index behind as
+ * unreferenced bytes: add many frames through one open (PXF_set_frame)
+ * rather than one open each.
  *
  * ---- Sequences ----
  *

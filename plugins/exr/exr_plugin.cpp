@@ -59,6 +59,7 @@
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
+#include <pxf/utl.h>
 
 extern "C" {
 const char *version = PXF_PLUGIN_PROTOCOL;
@@ -133,7 +134,7 @@ struct Part {
 
 struct File {
     std::string path;
-    std::string temp; // name being written, renamed to path when complete
+    UTL_OUTPUT *staged = nullptr; // writing: renamed over path only when complete
     bool writing = false;
     exr_context_t core = nullptr; // reading
     std::unique_ptr<exrlib::MultiPartInputFile> dwa_input;
@@ -572,7 +573,7 @@ void release(File *f) {
     f->dwa_input.reset();
     if (f->core) exr_finish(&f->core);
     f->output.reset();
-    if (!f->temp.empty()) unlink(f->temp.c_str());
+    UTL_output_abandon(f->staged); // never committed: the temporary file goes
     delete f;
 }
 
@@ -651,14 +652,6 @@ std::string cap_date(const char *date) {
     char stamp[32];
     if (!localtime_r(&seconds, &when) || strftime(stamp, sizeof stamp, "%Y:%m:%d %H:%M:%S", &when) != 19) return "";
     return stamp;
-}
-
-// mkstemp creates files for the owner only; the finished file gets the
-// permissions a plain fopen would have given it.
-mode_t new_file_mode() {
-    mode_t mask = umask(022);
-    umask(mask);
-    return 0666 & ~mask;
 }
 
 int tile_size(const PXF_INFO &info) {
@@ -901,8 +894,10 @@ int exr_close(PXF_IMAGE *image) {
             }
             for (auto &part : f->parts) part->output.reset(), part->tiled_output.reset();
             f->output.reset(); // writes the offset tables and closes the file
-            if (rename(f->temp.c_str(), f->path.c_str()) != 0) throw std::runtime_error(strerror(errno));
-            f->temp.clear();
+            UTL_OUTPUT *staged = f->staged; // commit closes and frees it, even when failing
+            f->staged = nullptr;
+            errno = 0;
+            if (UTL_output_commit(staged) != 0) throw std::runtime_error(strerror(errno ? errno : EIO));
         } catch (const std::exception &e) {
             report(f->path, e.what());
             status = -1;
@@ -984,13 +979,12 @@ int imageWriteOpen(PXF_IMAGE *image) {
                 if (count > 1) why = "image " + std::to_string(i) + ": " + why;
                 return open_failed(f, image, why);
             }
-        std::string temp = f->path + ".XXXXXX";
-        int fd = mkstemp(temp.data());
-        if (fd < 0) return open_failed(f, image, strerror(errno));
-        fchmod(fd, new_file_mode());
-        close(fd);
-        f->temp = temp;
-        f->output = std::make_unique<exrlib::MultiPartOutputFile>(temp.c_str(), headers.data(), count);
+        errno = 0;
+        f->staged = UTL_output_open(f->path.c_str());
+        if (!f->staged) return open_failed(f, image, strerror(errno ? errno : EIO));
+        // The image library writes the staged file by its name.
+        f->output =
+            std::make_unique<exrlib::MultiPartOutputFile>(UTL_output_name(f->staged), headers.data(), count);
         for (int i = 0; i < count; ++i) {
             Part &p = *f->parts[size_t(i)];
             if (p.tiled) p.tiled_output = std::make_unique<exrlib::TiledOutputPart>(*f->output, i);

@@ -30,6 +30,7 @@
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
+#include <pxf/utl.h>
 
 const char *version = PXF_PLUGIN_PROTOCOL;
 const char *imageKey = "jpeg";
@@ -59,7 +60,7 @@ typedef struct {
     struct jpeg_compress_struct out;
     FILE *file;
     char *path;
-    char *temp; /* name being written, renamed to path when complete */
+    UTL_OUTPUT *output; /* when writing: renamed over the name only when complete */
     int width, height;     /* as delivered (after any orientation) */
     int file_width, file_height;
     int components;        /* in the file's decoded rows: 1, 3 or 4 */
@@ -120,15 +121,17 @@ static void release(jpeg_file *p) {
         jpeg_destroy_decompress(&p->in);
     }
     p->started = 0;
-    if (p->file) fclose(p->file);
+    if (p->output)
+        UTL_output_abandon(p->output); /* never committed: the temporary file goes */
+    else if (p->file)
+        fclose(p->file);
+    p->output = NULL;
     p->file = NULL;
-    if (p->temp) unlink(p->temp);
-    free(p->temp);
     free(p->row);
     free(p->whole);
     free(p->planes);
     free(p->path);
-    p->temp = p->path = NULL;
+    p->path = NULL;
     p->row = p->whole = NULL;
     p->planes = NULL;
 }
@@ -477,8 +480,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     const char *path = image->info.handle;
     const PXF_IMAGE_DESC *d = image->info.images;
     const char *compression = image->info.compression;
-    int quality, progressive, fd;
-    mode_t mask;
+    int quality, progressive;
     jpeg_file *p;
     if (!path) return report("jpeg", "no file name");
     if (image->info.num_images < 1 || !d) return report(path, "no image description");
@@ -503,24 +505,12 @@ int imageWriteOpen(PXF_IMAGE *image) {
     p->channels = d->chan.count;
     p->bits = d->chan.width;
     p->row = (JSAMPLE *)malloc((size_t)p->width * (size_t)p->channels + 16);
-    p->temp = (char *)malloc(strlen(path) + 8);
-    if (!p->row || !p->temp) return open_failed(p, "out of memory");
+    if (!p->row) return open_failed(p, "out of memory");
     /* Written under a temporary name, renamed into place when complete. */
-    sprintf(p->temp, "%s.XXXXXX", path);
-    fd = mkstemp(p->temp);
-    if (fd < 0) {
-        free(p->temp);
-        p->temp = NULL;
-        return open_failed(p, strerror(errno));
-    }
-    mask = umask(022);
-    umask(mask);
-    fchmod(fd, 0666 & ~mask);
-    p->file = fdopen(fd, "wb");
-    if (!p->file) {
-        close(fd);
-        return open_failed(p, strerror(errno));
-    }
+    errno = 0;
+    p->output = UTL_output_open(path);
+    if (!p->output) return open_failed(p, strerror(errno ? errno : EIO));
+    p->file = UTL_output_stream(p->output);
     p->out.err = jpeg_std_error(&p->err);
     p->err.error_exit = fatal;
     p->err.emit_message = warned;
@@ -542,17 +532,18 @@ static int jpeg_close(PXF_IMAGE *image) {
         }
         int ok = p->next_row == p->height && finish(p);
         ok = fflush(p->file) == 0 && ok;
-        ok = fclose(p->file) == 0 && ok;
-        p->file = NULL;
         if (!ok) {
             report(p->path, p->message[0] ? p->message : "write failed");
             status = -1;
-        } else if (rename(p->temp, p->path) != 0) {
-            report(p->path, strerror(errno));
-            status = -1;
         } else {
-            free(p->temp);
-            p->temp = NULL;
+            UTL_OUTPUT *output = p->output; /* commit closes and frees it, even when failing */
+            p->output = NULL;
+            p->file = NULL;
+            errno = 0;
+            if (UTL_output_commit(output) != 0) {
+                report(p->path, errno ? strerror(errno) : "write failed");
+                status = -1;
+            }
         }
     }
     if (p) release(p);

@@ -2,7 +2,11 @@
 // read back at random; frame selection through operators; damaged files,
 // each refused with its message and no access outside the file.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <algorithm>
 #include <array>
@@ -193,6 +197,86 @@ TEST_F(Container, FailedWritesLeaveFilesAsTheyWere) {
         bool ok = image && PXF_set_frame(image, 2) == 0 && PXF_scan_read(image, 3, &rows) == 0;
         return image && PXF_close(image) == 0 && ok;
     });
+}
+
+// An append cut short at any byte, by a kill (the writer reaches its file-size
+// limit and SIGXFSZ ends it) or by writes that fail there, leaves the old
+// container readable with its old frames; a failed write leaves it byte for
+// byte as it was, a killed one adds nothing but bytes after its old end.
+TEST_F(Container, AnAppendCutShortAnywhereKeepsTheOldContainer) {
+    ASSERT_TRUE(write({1, 2, 3}));
+    const std::string before = read_file(path_);
+    ASSERT_TRUE(write({2, 4, 5}, true));  // frame 2 replaced, two added
+    const std::size_t whole = read_file(path_).size();
+    int killed = 0, refused = 0, finished = 0;
+    std::mt19937 rng(5);
+    std::vector<std::size_t> limits;  // bytes the append may add: a spread of them, and all it needs
+    const std::size_t added = whole - before.size(), index = 16 + 5 * 24;
+    for (std::size_t extra = 0; extra < added - index; extra += 1 + added / 16) limits.push_back(extra);
+    for (std::size_t extra = added - index - 4; extra < added; extra += 7) limits.push_back(extra);  // in the new index
+    limits.push_back(whole - before.size());
+    for (std::size_t extra : limits) {
+        for (bool kill : {true, false}) {
+            SCOPED_TRACE(testing::Message() << (kill ? "killed" : "failing") << " after " << extra << " bytes");
+            write_file(path_, before);
+            pid_t child = fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                ReportCapture quiet;
+                const rlim_t size = rlim_t(before.size() + extra);
+                struct rlimit limit = {size, size};
+                setrlimit(RLIMIT_FSIZE, &limit);
+                std::signal(SIGXFSZ, kill ? SIG_DFL : SIG_IGN);
+                _exit(write({2, 4, 5}, true) ? 0 : 1);
+            }
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            const std::string after = read_file(path_);
+            std::vector<int> expected = {1, 2, 3};
+            if (WIFSIGNALED(status)) {
+                ASSERT_EQ(WTERMSIG(status), SIGXFSZ);
+                ++killed;
+                ASSERT_TRUE(after.compare(0, before.size(), before) == 0) << "the old bytes changed";
+            } else if (WEXITSTATUS(status) == 1) {
+                ++refused;
+                ASSERT_TRUE(after == before) << "a failed append is not undone";
+            } else {
+                ASSERT_EQ(WEXITSTATUS(status), 0);
+                ++finished;
+                expected = {1, 2, 3, 4, 5};
+            }
+            PXF_IMAGE *image = open("r");
+            ASSERT_NE(image, nullptr);
+            EXPECT_EQ(frames_of(image), expected);
+            for (int f : expected) expect_frame(image, f, rng);
+            EXPECT_EQ(PXF_close(image), 0);
+        }
+    }
+    EXPECT_GT(killed, 10);
+    EXPECT_GT(refused, 10);
+    EXPECT_EQ(finished, 2) << "only the limit at the whole append's end lets it finish";
+
+    // An empty file (as UTL_output_open leaves one) opened to append starts a container.
+    const std::string empty = dir_.file("empty.mpc");
+    write_file(empty, "");
+    PXF_IMAGE *fresh = open("w", true, empty);
+    ASSERT_NE(fresh, nullptr);
+    ASSERT_TRUE(write_frame(fresh, 8));
+    ASSERT_EQ(PXF_close(fresh), 0);
+    fresh = open("r", false, empty);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(frames_of(fresh), std::vector<int>{8});
+    expect_frame(fresh, 8, rng);
+    EXPECT_EQ(PXF_close(fresh), 0);
+
+    // A killed append's leftover bytes do not stop the next one.
+    write_file(path_, before + std::string(100, 'x'));
+    ASSERT_TRUE(write({4}, true));
+    PXF_IMAGE *image = open("r");
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(frames_of(image), (std::vector<int>{1, 2, 3, 4}));
+    expect_frame(image, 4, rng);
+    EXPECT_EQ(PXF_close(image), 0);
 }
 
 // Damaged containers: each gives its message and code, never a crash (the

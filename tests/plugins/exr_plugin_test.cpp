@@ -9,6 +9,10 @@
 #include <ImfStandardAttributes.h>
 #include <ImfTiledOutputFile.h>
 
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -306,6 +310,32 @@ TEST_F(ExrDriver, DamagedOrHostileFilesAndBadRequestsFailWithOneLineReports) {
     Pixels three(4, 4, 3, 0, 0, PXF_C_FLOAT, 32, value);
     EXPECT_FALSE(write_image(good, "exr", three, [](PXF_INFO &info) { set_text(info.compression, "lzma"); }));
     EXPECT_EQ(read_file(good), bytes);
+}
+
+// Written through a temporary file: a link keeps pointing at the file it
+// names, which is replaced whole; a device is written as it is, never
+// replaced by a file; nothing is left beside the target.
+TEST_F(ExrDriver, WritesReplaceTheFileALinkNamesAndLeaveDevicesAlone) {
+    Pixels in(16, 8, 3, 0, 0, PXF_C_FLOAT, 32, value);
+    const std::string target = dir.file("target.exr"), link = dir.file("link.exr");
+    write_file(target, "old");
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    ASSERT_TRUE(write_image(link, "exr", in));
+    struct stat st;
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_NE(read_file(target), "old");
+    Pixels back;
+    EXPECT_TRUE(read_image(target, "exr", back));
+    ASSERT_TRUE(write_image("/dev/null", "exr", in));
+    ASSERT_EQ(stat("/dev/null", &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    DIR *d = opendir(dir.path().c_str());
+    ASSERT_NE(d, nullptr);
+    int entries = 0;
+    while (const dirent *e = readdir(d)) entries += e->d_name[0] != '.';
+    closedir(d);
+    EXPECT_EQ(entries, 2) << "only the target and the link";
 }
 
 }  // namespace

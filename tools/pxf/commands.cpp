@@ -2,15 +2,18 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 #include <pxf/frames.h>
+#include <pxf/utl.h>
 
 #include "tool.h"
 
@@ -226,7 +229,7 @@ bool is_container(const std::string &path) {
 // Frames of a multi-frame IN: one (`frame`), or each of first..last (all
 // when last < first), to OUT's frame field.
 int convert_frames(const std::string &in, const std::string &out, const ReadOptions &read, WriteOptions write,
-                   int frame, int first, int last, bool quiet) {
+                   const Crop &crop, int frame, int first, int last, bool quiet) {
     FileSource source(in, read);
     PXF_IMAGE *image = source.image();
     if (!PXF_multiframe_is(image)) throw UsageError("convert: " + in + " has no frames to choose from");
@@ -237,13 +240,24 @@ int convert_frames(const std::string &in, const std::string &out, const ReadOpti
     if (chosen.empty()) throw Failure(in + ": no such frame");
     if (chosen.size() > 1 && !Sequence::is_pattern(out))
         throw UsageError("convert: OUT needs a frame field, as in name.####.ext, or give --frame N");
+    // A note about one frame is a note about them all: say it once, of OUT.
+    std::vector<std::string> names;
+    for (int f : chosen) names.push_back(Sequence::is_pattern(out) ? Sequence(out).frame(f) : out);
+    std::size_t current = 0;
+    NoteGroup once([&](const std::string &text) {
+        const std::string &to = names[current];
+        if (text.compare(0, to.size() + 2, to + ": ") == 0) return out + text.substr(to.size());
+        return text;
+    });
     Progress bar("convert", !quiet);
     int done = 0;
     for (int f : chosen) {
         take_report();
         if (PXF_set_frame(image, f) != 0) fail_with_report(in, "cannot read frame " + std::to_string(f));
         write.frame = f;
-        write_image(source, Sequence::is_pattern(out) ? Sequence(out).frame(f) : out, write, nullptr);
+        const std::string &to = names[current = std::size_t(done)];
+        if (crop.set) write_cropped(source, crop, to, write);
+        else write_image(source, to, write, nullptr);
         bar.update(++done, int(chosen.size()));
     }
     bar.finish();
@@ -466,7 +480,7 @@ int run_convert(const std::vector<std::string> &args) {
     if (!in_sequence && (one_frame >= 0 || out_sequence)) {
         int first = 0, last = -1;
         if (!frames.empty()) parse_frames(frames, first, last);
-        return convert_frames(in, out, read, write, one_frame, first, last, quiet);
+        return convert_frames(in, out, read, write, crop, one_frame, first, last, quiet);
     }
     if (!in_sequence) {
         if (!frames.empty()) throw UsageError("--frames: IN needs a frame field, as in name.####.ext");
@@ -492,19 +506,47 @@ int run_convert(const std::vector<std::string> &args) {
     Sequence input(in);
     std::vector<int> numbers = frames.empty() ? input.discover() : parse_frame_ranges(frames);
     if (numbers.empty()) throw Failure(in + ": no files of this sequence were found");
-    if (frames.empty()) tell(in + ": frames " + describe_frames(numbers));
+    if (frames.empty()) {
+        tell(in + ": frames " + describe_frames(numbers));
+        // Numbers missing between the first and the last frame found.
+        std::vector<int> missing;
+        for (std::size_t i = 1; i < numbers.size(); ++i)
+            for (int f = numbers[i - 1] + 1; f < numbers[i] && missing.size() < 1000; ++f) missing.push_back(f);
+        if (!missing.empty()) warn(in + ": frames missing from the sequence: " + describe_frames(missing));
+    }
     if (!out_sequence && is_container(out)) {
-        // Pack the sequence into one container, each frame under its file's number.
+        // Pack the sequence into one container, each frame under its file's
+        // number.  The container is built under a temporary name and takes
+        // OUT's place only when every frame is in it.
+        errno = 0;
+        std::unique_ptr<UTL_OUTPUT, void (*)(UTL_OUTPUT *)> staged(UTL_output_open(out.c_str()), UTL_output_abandon);
+        if (!staged) throw Failure(out + ": cannot write: " + std::strerror(errno ? errno : EIO));
+        const std::string building = UTL_output_name(staged.get());
+        // One writer takes every frame, so the index is written once.
+        struct Container {
+            PXF_IMAGE *image = nullptr;
+            ~Container() {
+                QuietReports quiet;
+                if (image) PXF_close(image);
+            }
+        } container;
+        write.container = &container.image;
         Progress bar("convert", !quiet);
         int done = 0;
         for (int f : numbers) {
             FileSource source(input.frame(f), read);
             write.frame = f;
-            write.append = done > 0;
-            write_image(source, out, write, nullptr);
+            write_image(source, building, write, nullptr);
             bar.update(++done, int(numbers.size()));
         }
         bar.finish();
+        take_report();
+        PXF_IMAGE *image = container.image;
+        container.image = nullptr;
+        if (PXF_close(image) != 0) fail_with_report(out, "cannot finish writing");
+        errno = 0;
+        if (UTL_output_commit(staged.release()) != 0)
+            throw Failure(out + ": cannot write: " + std::strerror(errno ? errno : EIO));
         return kExitOk;
     }
     if (!out_sequence && numbers.size() > 1)

@@ -27,12 +27,14 @@ public:
         int got = PXF_get_region(source.image(), &rect, pointers.data());
         if (got < 0) fail_with_report("crop", "cannot read the rectangle");
         if (got == 0) throw Failure("--crop: the rectangle lies outside the image");
-        rect_ = rect;
+        // The rectangle is a new image with its window at the origin: most
+        // formats have no place for a window's offset.
+        rect_ = {0, 0, rect.xmax - rect.xmin, got - 1};  // in the new image's coordinates
         desc_ = source.desc();
-        desc_.window = {rect.xmin, rect.xmax, rect.ymin, rect.ymax};
+        desc_.window = {0, rect.xmax - rect.xmin, 0, got - 1};
         PXF_BOUNDS &a = desc_.active_window;
-        a = {std::max(a.left, rect.xmin), std::min(a.right, rect.xmax), std::max(a.bottom, rect.ymin),
-             std::min(a.top, rect.ymax)};
+        a = {std::max(a.left, rect.xmin) - rect.xmin, std::min(a.right, rect.xmax) - rect.xmin,
+             std::max(a.bottom, rect.ymin) - rect.ymin, std::min(a.top, rect.ymax) - rect.ymin};
         if (a.left > a.right || a.bottom > a.top) a = desc_.window;
         layout_ = source.layout();
         layout_.width = rect.xmax - rect.xmin + 1;
@@ -48,7 +50,7 @@ public:
 private:
     FileSource &source_;
     std::vector<ChannelBuffer> held_;
-    RCT_RECT rect_{};
+    RCT_RECT rect_{};  // the rows held, in the new image's coordinates
     PXF_IMAGE_DESC desc_{};
     Layout layout_;
 };

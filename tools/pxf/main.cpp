@@ -22,6 +22,7 @@ const char *kHelp =
     "  make-sample OUT    write the built-in sample image\n"
     "  mipmap IN OUT.rla  write a mipmapped texture (every level in one file)\n"
     "  swatch IN OUT      write a small preview (--size N)\n"
+    "  palette IN [OUT]   describe a palette file, or convert it (.gpl, .pal, .lut)\n"
     "\n"
     "'pxf COMMAND --help' shows the options of a command.  Format plug-ins are\n"
     "loaded from the directories of PXF_PLUGIN_PATH (separated by ':').\n"
@@ -104,6 +105,7 @@ int run(int argc, char **argv) {
         else if (command == "make-sample") run = run_make_sample;
         else if (command == "mipmap") run = run_mipmap;
         else if (command == "swatch") run = run_swatch;
+        else if (command == "palette") run = run_palette;
         else throw UsageError("unknown command \"" + command + "\" (see pxf --help)");
         capture_reports();
         load_plugins(argv[0]);

@@ -198,6 +198,9 @@ struct WriteOptions {
     int level = -1;         // --level 0..9
     std::string program = "pxf";
     TextOptions texts;
+    // Packing frames: null, the first frame opens the container and leaves it
+    // here; later frames go into it; the caller closes it.
+    PXF_IMAGE **container = nullptr;
     int frame = -1;      // frame number to record, -1: the source's
     bool append = false; // add to an existing multi-frame container
     bool pipeline = true; // decode on a second thread while rows are encoded
@@ -338,6 +341,7 @@ int run_convert(const std::vector<std::string> &args);
 int run_make_sample(const std::vector<std::string> &args);
 int run_mipmap(const std::vector<std::string> &args);
 int run_swatch(const std::vector<std::string> &args);
+int run_palette(const std::vector<std::string> &args);  // palette.cpp
 
 // ---- Resizing (texture.cpp) ----
 

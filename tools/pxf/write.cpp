@@ -17,6 +17,7 @@
 #include <thread>
 
 #include <pxf/fmt.h>
+#include <pxf/frames.h>
 
 #include "tool.h"
 
@@ -195,6 +196,18 @@ bool staged_output(const std::string &path) {
     return !UTL_file_exists(path.c_str()) || UTL_file_size(path.c_str()) >= 0;
 }
 
+// Whether a frame fits the container the first frame opened.
+bool same_frame_layout(const PXF_IMAGE_DESC &a, const PXF_IMAGE_DESC &b) {
+    auto same = [](const PXF_BOUNDS &x, const PXF_BOUNDS &y) {
+        return x.left == y.left && x.right == y.right && x.bottom == y.bottom && x.top == y.top;
+    };
+    auto group = [](const PXF_CHAN_GROUP &x, const PXF_CHAN_GROUP &y) {
+        return x.count == y.count && (!x.count || (x.type == y.type && x.width == y.width));
+    };
+    return same(a.window, b.window) && same(a.active_window, b.active_window) && group(a.chan, b.chan) &&
+           group(a.matte, b.matte) && group(a.aux, b.aux);
+}
+
 }  // namespace
 
 void write_image(RowSource &source, const std::string &path, const WriteOptions &options,
@@ -281,7 +294,9 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     take_report();
     OpenOutput out;
     out.path = path;
-    if (staged_output(path)) {
+    // Frames added to a container go into it in place: the driver keeps its
+    // old frames readable until the new ones are complete.
+    if (!options.append && !options.container && staged_output(path)) {
         errno = 0;
         if (!(out.staged = UTL_output_open(path.c_str())))
             throw Failure(path + ": cannot write: " + std::strerror(errno ? errno : EIO));
@@ -295,7 +310,20 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
             info.handle = out.written.data();
         }
     }
-    out.image = PXF_open(&info, "w");
+    // Packing: frames after the first go into the container the first opened.
+    PXF_IMAGE *container = options.container ? *options.container : nullptr;
+    bool frame_refused = false;
+    if (container) {
+        *options.container = nullptr;  // closed here should this frame fail
+        out.image = container;
+        if (!same_frame_layout(container->info.images[0], desc))
+            throw Failure(path + ": frame " + std::to_string(info.frame) +
+                          " differs in size or layout from the first frame");
+        take_report();
+        frame_refused = PXF_set_frame(container, info.frame) != 0;
+    } else {
+        out.image = PXF_open(&info, "w");
+    }
     PXF_info_cleanup(&info, 0);
     // Reports name the file the driver writes; the user knows it by `path`.
     auto failed = [&](const std::string &fallback) {
@@ -308,6 +336,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
         throw Failure(path + ": " + reason);
     };
     if (!out.image) failed("cannot write");
+    if (frame_refused) failed("cannot start frame " + std::to_string(options.frame));
 
     const Layout &stored = to;
     ChannelBuffer rows(stored, stored.width);
@@ -375,6 +404,10 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     }
     PXF_IMAGE *image = out.image;
     out.image = nullptr;
+    if (options.container) {
+        *options.container = image;  // left open for the next frame
+        return;
+    }
     if (PXF_close(image) != 0) failed("cannot finish writing");
     if (!out.written.empty()) {
         if (std::rename(out.written.c_str(), UTL_output_name(out.staged)) != 0)
