@@ -71,13 +71,16 @@ same_pixels ref.png c.rla
 tiffcp -r 7 -c lzw ref.tif strips.tif
 "$pxf" convert strips.tif d.rla -q
 same_pixels tif.png d.rla
-# Through operators and a channel choice.
-"$pxf" convert ref.rla e.png --ch B,G,R -q
-"$pxf" convert ref.png f.png --ch B,G,R -q
+# Through operators and a channel choice (the matte kept: colour without
+# its matte is premultiplied from RLA and straight from PNG).
+"$pxf" convert ref.rla e.png --ch B,G,R,A -q
+"$pxf" convert ref.png f.png --ch B,G,R,A -q
 same_pixels e.png f.png
+# The gamma operator works on stored colour, premultiplied in RLA: the
+# reference goes RLA to RLA, rows in the file's own order.
 "$pxf" convert ref.rla g.png --gamma 1 -q
-"$pxf" convert ref.png h.png --gamma 1 -q
-same_pixels g.png h.png
+"$pxf" convert ref.rla h.rla --gamma 1 -q
+same_pixels g.png h.rla
 
 # The temporary file of rows that cannot be written fails with a clear error.
 set +e; TMPDIR=$work/none "$pxf" convert ref.png k.rla >out.txt 2>err.txt; got=$?; set -e

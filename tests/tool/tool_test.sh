@@ -68,18 +68,23 @@ make_sample_tiff)
   one_line_error jpeg2000
   [ ! -e s_bad.tif ] || fail "a failed write leaves its file behind"
   # Predictors: ours reach the file; other programs' predicted strips read
-  # back to the same samples (the sample holds float depth: a float file).
-  grep -q 'Predictor: floating point predictor 3' <(tiffinfo s_lzw.tif) || fail "no float predictor by default"
+  # back to the same samples.  Integer samples take the horizontal predictor
+  # by default, float samples the floating-point one.
+  grep -q 'Predictor: horizontal differencing 2' <(tiffinfo s_lzw.tif) || fail "no horizontal predictor by default"
+  expect 0 "$pxf" convert s_none.tif s_float.tif --float
+  grep -q 'Predictor: floating point predictor 3' <(tiffinfo s_float.tif) || fail "no float predictor by default"
   expect 0 "$pxf" make-sample s_h.tif --size 96x64 --compression deflate --predictor horizontal --level 9
   grep -q 'Predictor: horizontal differencing 2' <(tiffinfo s_h.tif) || fail "--predictor horizontal not recorded"
-  for c in lzw:2 zip:3 zip:2; do
-    tiffcp -c "$c" s_none.tif "p_${c/:/_}.tif"
+  expect 0 "$pxf" convert s_none.tif s_fnone.tif --float --compression none
+  for c in s_none:lzw:2 s_none:zip:2 s_fnone:zip:3; do
+    src=${c%%:*} c=${c#*:}
+    tiffcp -c "$c" $src.tif "p_${c/:/_}.tif"
     expect 0 "$pxf" convert "p_${c/:/_}.tif" back.tif --compression none
-    cmp -s back.tif s_none.tif || fail "a file predicted by tiffcp -c $c reads back otherwise"
+    cmp -s back.tif $src.tif || fail "a file predicted by tiffcp -c $c reads back otherwise"
   done
   expect 2 "$pxf" make-sample s_bad.tif --predictor diagonal
   one_line_error diagonal
-  expect 1 "$pxf" make-sample s_bad.tif --compression packbits --predictor horizontal
+  expect 1 "$pxf" make-sample s_bad.tif --compression packbits --predictor horizontal -q
   one_line_error 'LZW or Deflate'
   expect 0 "$pxf" make-sample s.png --png-filter paeth --level 9 --compression deflate
   pngcheck -q s.png >/dev/null || fail "pngcheck rejects a paeth-filtered file"

@@ -18,8 +18,18 @@ std::string group_words(const Group &g) {
 
 // The drivers whose writers read info.compression.
 bool takes_compression(const PXF_TYPE &driver) {
-    for (const char *key : {"tiff", "exr", "jpeg"})
+    for (const char *key : {"tiff", "png", "exr", "jpeg"})
         if (driver.key && std::strcmp(driver.key, key) == 0) return true;
+    return false;
+}
+
+// Methods other formats offer and PNG does not.  A batch converting to
+// several formats with one --compression gets a note for its PNGs, not a
+// failure; a misspelt method still reaches the driver, which refuses it.
+bool png_lacks(const PXF_TYPE &driver, const std::string &method) {
+    if (!driver.key || std::strcmp(driver.key, "png") != 0) return false;
+    for (const char *other : {"lzw", "packbits", "zip", "zips", "piz", "pxr24", "b44", "b44a", "dwaa", "dwab", "jpeg"})
+        if (method == other) return true;
     return false;
 }
 
@@ -64,10 +74,16 @@ void note_unchanged_quantize(const std::string &path, int bits, const Layout &be
               " (it turns float colour and matte into integers)");
 }
 
-void note_unused_compression(const PXF_TYPE &driver, const std::string &path, const std::string &compression) {
-    if (compression.empty() || takes_compression(driver)) return;
+bool note_unused_compression(const PXF_TYPE &driver, const std::string &path, const std::string &compression) {
+    if (compression.empty()) return false;
+    if (png_lacks(driver, compression)) {
+        note_that(path + ": png has no " + compression + " compression: --compression " + compression + " changes nothing");
+        return true;
+    }
+    if (takes_compression(driver)) return false;
     note_that(path + ": " + (driver.key ? driver.key : "this format") + " has no choice of compression: --compression " +
               compression + " changes nothing");
+    return true;
 }
 
 std::string iso_date(const char *text) {

@@ -132,8 +132,9 @@ private:
 
 // Says so when --quantize left the colour and matte as they were.
 void note_unchanged_quantize(const std::string &path, int bits, const Layout &before, const Layout &after);
-// Says so when the output format has no choice of compression.
-void note_unused_compression(const PXF_TYPE &driver, const std::string &path, const std::string &compression);
+// Says so when the output format has no choice of compression, or not the
+// one asked for; true when the method is then left out.
+bool note_unused_compression(const PXF_TYPE &driver, const std::string &path, const std::string &compression);
 // A stored date ("{seconds}", "YYYY:MM:DD HH:MM:SS", an RFC 1123 date) in
 // ISO 8601, or "" when the text is none of these.
 std::string iso_date(const char *text);

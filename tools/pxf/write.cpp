@@ -226,7 +226,8 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     const Layout &from = source.layout();
     Layout to = fit_to_driver(from, *driver, notes);
     for (const std::string &note : notes) note_that(path + ": " + note);
-    note_unused_compression(*driver, path, options.compression);
+    WriteOptions coding = options;
+    if (note_unused_compression(*driver, path, options.compression)) coding.compression.clear();
     if (to.group[kColour].count < 1) throw Failure(path + ": the image has no colour channels");
 
     PXF_IMAGE_DESC desc = source.desc();
@@ -277,7 +278,7 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     info.key = key.data();
     info.handle = const_cast<char *>(path.c_str());
     info.program = const_cast<char *>(options.program.c_str());
-    const std::string compression = compression_text(options);
+    const std::string compression = compression_text(coding);
     info.compression = compression.empty() ? nullptr : const_cast<char *>(compression.c_str());
     apply_texts(info, options.texts);
     info.num_images = 1;
