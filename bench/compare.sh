@@ -114,7 +114,9 @@ measure() {
   local pick
   pick=$(for i in "${!times[@]}"; do echo "${times[$i]} ${mems[$i]} ${cpus[$i]}"; done | sort -n |
     awk -v n=${#times[@]} 'NR == int((n + 1) / 2)')
-  echo "$case_name $tool $pick $(stat -c %s "$out")" >>"$results"
+  # Fields: picture, conversion, tool, time, memory (KiB), size (bytes), processor time.
+  read -r t m c <<<"$pick"
+  echo "$case_name $tool $t $m $(stat -c %s "$out") $c" >>"$results"
   rm -f "$out"
 }
 
