@@ -101,6 +101,7 @@ measure() {
       ok=0
       break
     fi
+    local t m u s
     read -r t m u s <time.txt
     times+=("$t")
     mems+=("$m")
@@ -115,8 +116,9 @@ measure() {
   pick=$(for i in "${!times[@]}"; do echo "${times[$i]} ${mems[$i]} ${cpus[$i]}"; done | sort -n |
     awk -v n=${#times[@]} 'NR == int((n + 1) / 2)')
   # Fields: picture, conversion, tool, time, memory (KiB), size (bytes), processor time.
-  read -r t m c <<<"$pick"
-  echo "$case_name $tool $t $m $(stat -c %s "$out") $c" >>"$results"
+  local wall memory cpu
+  read -r wall memory cpu <<<"$pick"
+  echo "$case_name $tool $wall $memory $(stat -c %s "$out") $cpu" >>"$results"
   rm -f "$out"
 }
 
