@@ -58,9 +58,9 @@ void render(double u, double v, double pixel, double out[4]) {
         double cover = clamp01(edge + 0.5);
         double nz = std::sqrt(std::max(0.0, 1.0 - d2));
         double lambert = clamp01(-0.5 * dx - 0.6 * dy + 0.62 * nz);
-        double spec = std::pow(clamp01(-0.35 * dx - 0.45 * dy + 0.82 * nz), 40.0);
-        double sr = clamp01(0.08 + s.red * lambert + spec), sg = clamp01(0.08 + s.green * lambert + spec),
-               sb = clamp01(0.1 + s.blue * lambert + spec);
+        double specular = std::pow(clamp01(-0.35 * dx - 0.45 * dy + 0.82 * nz), 40.0);
+        double sr = clamp01(0.08 + s.red * lambert + specular), sg = clamp01(0.08 + s.green * lambert + specular),
+               sb = clamp01(0.1 + s.blue * lambert + specular);
         r = r * (1 - cover) + sr * cover, g = g * (1 - cover) + sg * cover, b = b * (1 - cover) + sb * cover;
         a = a * (1 - cover) + cover;
     }
