@@ -298,6 +298,7 @@ struct Resampler {
     std::size_t source_stride;
     float *ring;               // span slots x channels x ring_width
     int32_t *ring_rows;        // the source row each slot holds, or -1
+    int32_t last_line;         // the output row read last, or -1
     float *sums;               // channels x ring_width
     const float **rows;        // span: the ring rows of one output row
     void **below_rows;         // handed to the stage below
@@ -331,7 +332,11 @@ Resampler *resampler_new(const PXF_IMAGE_DESC &source, const PXF_IMAGE_DESC &tar
     const PXF_CHAN_GROUP *groups[3] = {&source.chan, &source.matte, &source.aux};
     r->channels = counts[0] + counts[1] + counts[2];
     r->colour = counts[0];
-    r->matte = counts[0] > 0 && counts[1] > 0 ? counts[0] : -1;
+    // Premultiplied colour (the convention of rendered images) filters as
+    // it is; straight colour is premultiplied for filtering and divided
+    // back afterwards, so that no colour bleeds out of transparent pixels.
+    r->matte = counts[0] > 0 && counts[1] > 0 && source.matte.extra == PXF_MATTE_UNASSOCIATED ? counts[0] : -1;
+    r->last_line = -1;
     r->source_width = sw;
     r->source_bottom = source.window.bottom;
     r->target_bottom = target.window.bottom;
@@ -406,7 +411,13 @@ int resampler_read(Resampler &r, int line, PXF_SCAN_FN below, void *below_data, 
     int count = r.y.span;
     while (count > 1 && w[count - 1] == 0.0f) --count;
     if (first + count > r.y.source) count = r.y.source - first;
-    for (int k = 0; k < count; ++k) {
+    // Missing rows are pulled in the direction the output travels, so a
+    // source that reads only in order (top row first, say) sees each row
+    // once and in sequence.  The first row read decides by where it lies.
+    const bool downward = r.last_line >= 0 ? j < r.last_line : j > 0 && j >= r.target_lines / 2;
+    r.last_line = j;
+    for (int step = 0; step < count; ++step) {
+        int k = downward ? count - 1 - step : step;
         int index = first + k, slot = index % r.y.span;
         if (r.ring_rows[slot] != index) {
             int status = load_row(r, index, below, below_data, table);

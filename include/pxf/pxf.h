@@ -750,10 +750,13 @@ PXF_API int PXF__minmax_done(PXF_IMAGE *image);
 PXF_API int PXF__minmax_range(PXF_IMAGE *image, int channel, float *min, float *max);
 /* Resampling (reading).  Filters are named: "box", "triangle",
  * "catmull-rom", "mitchell" (the default, for a null name), "lanczos3",
- * "gaussian"; rows beyond the image repeat its edge pixels.  Colour is
- * filtered premultiplied by the first matte channel when there is one (so
- * that a pixel of matte 0 lends no colour to its neighbours) and delivered
- * divided by the filtered matte again.  Groups keep their element types:
+ * "gaussian"; rows beyond the image repeat its edge pixels.  Premultiplied
+ * colour (a matte labelled associated or unspecified) is filtered as it is.
+ * Straight colour (PXF_MATTE_UNASSOCIATED) is filtered premultiplied by the
+ * first matte channel (so that a pixel of matte 0 lends no colour to its
+ * neighbours) and delivered divided by the filtered matte again.  Source
+ * rows are read once each, in the direction the output is read, so a
+ * driver that reads only in sequence can sit below.  Groups keep their element types:
  * integers are rounded and clamped to their range, floats are not clamped.
  * Arithmetic is single precision (32-bit integers keep 24 significant bits).
  * Messages (set 902): 230 "%s: unknown filter %s (known: %s)",

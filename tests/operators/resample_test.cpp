@@ -49,18 +49,19 @@ constexpr Type kTypes[] = {{PXF_C_INTEGER, 8, 1.0 / 255 + 1e-9}, {PXF_C_INTEGER,
 
 TEST(Scale, EveryFilterSizeAndTypeMatchesDirectConvolution) {
     for (const Type &t : kTypes)
-        for (int mattes = 0; mattes <= 1; ++mattes)
+        for (int mattes = 0; mattes <= 2; ++mattes)  // none, straight colour, premultiplied colour
             for (const Case &s : kSizes)
                 for (const char *filter : kFilters) {
                     SCOPED_TRACE(std::string(filter) + " " + std::to_string(s.sw) + "x" + std::to_string(s.sh) +
                                  " -> " + std::to_string(s.dw) + "x" + std::to_string(s.dh) + " bits " +
                                  std::to_string(t.bits) + " mattes " + std::to_string(mattes));
-                    PXF_IMAGE_DESC d = synthetic_desc(s.sw, s.sh, 3, t.type, t.bits, mattes, 1);
+                    PXF_IMAGE_DESC d = synthetic_desc(s.sw, s.sh, 3, t.type, t.bits, mattes ? 1 : 0, 1);
+                    d.matte.extra = mattes == 1 ? PXF_MATTE_UNASSOCIATED : PXF_MATTE_ASSOCIATED;
                     Picture pic(fresh_name(), d, texture);
                     ASSERT_TRUE(pic.reader);
                     PXF__scale_init(pic.reader, s.dw, s.dh, filter);
                     ASSERT_EQ(top_of(pic.reader)->tag, PXF_OP_SCALE);
-                    Pixels want = reference(sample(d, texture), s.dw, s.dh, filter, 3, mattes ? 3 : -1);
+                    Pixels want = reference(sample(d, texture), s.dw, s.dh, filter, 3, mattes == 1 ? 3 : -1);
                     PXF_IMAGE_DESC out = pic.reader->info.images[0];
                     EXPECT_LE(max_error(read_pixels(pic.reader), as_elements(want, out)), t.tolerance);
                 }
@@ -73,6 +74,7 @@ TEST(Ssfilter, BlurOfARadiusMatchesDirectConvolution) {
                 SCOPED_TRACE(std::string(filter) + " radius " + std::to_string(radius) + " bits " +
                              std::to_string(t.bits));
                 PXF_IMAGE_DESC d = synthetic_desc(11, 8, 2, t.type, t.bits, 1);
+                d.matte.extra = PXF_MATTE_UNASSOCIATED;  // weighted by the matte
                 Picture pic(fresh_name(), d, texture);
                 PXF__ssfilter(pic.reader, filter, radius);
                 ASSERT_EQ(top_of(pic.reader)->tag, PXF_OP_SSFILTER);
@@ -121,6 +123,7 @@ TEST(Scale, ColourUnderAZeroMatteNeverBleeds) {
         for (const char *filter : kFilters)
             for (Case s : {Case{12, 4, 5, 3}, Case{12, 4, 31, 7}}) {
                 PXF_IMAGE_DESC d = synthetic_desc(s.sw, s.sh, 3, t.type, t.bits, 1);
+                d.matte.extra = PXF_MATTE_UNASSOCIATED;  // straight colour: loud under a zero matte
                 Picture pic(fresh_name(), d, fn);
                 PXF__scale_init(pic.reader, s.dw, s.dh, filter);
                 Pixels got = read_pixels(pic.reader);

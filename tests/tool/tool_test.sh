@@ -333,6 +333,13 @@ resample)
   expect 0 "$pxf" convert s.rla odd.tif --resize 101x7
   tiff_ok odd.tif
   has 'Image Width: 101 Image Length: 7' tiff.txt
+  # A PNG reads only top row first: every size and direction takes each of
+  # its rows once, in order.
+  expect 0 "$pxf" make-sample tall.png --size 80x101
+  for size in 40x50 33x17 7x101 160x202; do
+    expect 0 "$pxf" convert tall.png r.png --resize $size
+    expect 0 "$pxf" convert tall.png r.rla --resize $size
+  done
   expect 0 "$pxf" swatch s.rla sw.png --size 16
   pngcheck -v sw.png >check.txt
   has '16 x 12 image' check.txt
