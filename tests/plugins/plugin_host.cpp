@@ -1,6 +1,8 @@
 #include "plugin_host.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/core_test_util.h"
@@ -106,6 +108,28 @@ void expect_damage_reported(const std::string &path, const char *key, const std:
         ASSERT_FALSE(reports.reports().empty());
         EXPECT_NE(reports.reports().front().text.find(path), std::string::npos) << reports.reports().front().text;
     }
+}
+
+void expect_writes_replace_whole_files(TempDir &dir, const char *key, const char *ext, const Pixels &in) {
+    const std::string target = dir.file(std::string("target.") + ext), link = dir.file(std::string("link.") + ext);
+    write_file(target, "old");
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    ASSERT_TRUE(write_image(link, key, in));
+    struct stat st;
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_NE(read_file(target), "old");
+    Pixels back;
+    EXPECT_TRUE(read_image(target, key, back));
+    ASSERT_TRUE(write_image("/dev/null", key, in));
+    ASSERT_EQ(stat("/dev/null", &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    DIR *d = opendir(dir.path().c_str());
+    ASSERT_NE(d, nullptr);
+    int entries = 0;
+    while (const dirent *e = readdir(d)) entries += e->d_name[0] != '.';
+    closedir(d);
+    EXPECT_EQ(entries, 2) << "only the target and the link";
 }
 
 }  // namespace pxf::test

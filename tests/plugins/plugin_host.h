@@ -47,6 +47,11 @@ bool write_image(const std::string &path, const char *key, const Pixels &in, voi
 // that names the file.
 void expect_damage_reported(const std::string &path, const char *key, const std::vector<std::string> &files);
 
+// Writes `in` through a link to a file in `dir` and to /dev/null: the link
+// keeps pointing at its file, which is replaced whole and reads back; the
+// device stays a device; nothing but the file and the link is left in `dir`.
+void expect_writes_replace_whole_files(TempDir &dir, const char *key, const char *ext, const Pixels &in);
+
 class DriverTest : public ::testing::Test {
 protected:
     void SetUp() override { load_drivers(); }

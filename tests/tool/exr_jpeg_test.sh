@@ -6,10 +6,8 @@
 # original does.
 set -euo pipefail
 pxf=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-fail() { echo "FAIL: $*" >&2; exit 1; }
+case_name=exr_jpeg
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 
 "$pxf" formats | grep -q '^exr  *\.exr  *rw' || fail "no exr driver"
 "$pxf" formats | grep -q '^jpeg  *\.jpg  *rw' || fail "no jpeg driver"

@@ -5,18 +5,7 @@
 set -euo pipefail
 case_name=$1
 pxf=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-
-fail() { echo "FAIL ($case_name): $*" >&2; exit 1; }
-# expect STATUS command...: stdout in out.txt, stderr in err.txt.
-expect() {
-  local want=$1; shift
-  set +e; "$@" >out.txt 2>err.txt; local got=$?; set -e
-  [ "$got" -eq "$want" ] || { cat out.txt err.txt >&2; fail "'$*' exited $got, expected $want"; }
-}
-has() { grep -q -- "$1" "${2:-out.txt}" || { cat "${2:-out.txt}" >&2; fail "missing '$1'"; }; }
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 # same_pixels A B: two uncompressed TIFF files hold the same image (tags aside).
 same_pixels() { tiffcmp -t "$1" "$2" >/dev/null || fail "$1 and $2 differ"; }
 no_leftovers() { [ -z "$(ls -A | grep '^\.~' || true)" ] || fail "temporary files left: $(ls -A | grep '^\.~')"; }

@@ -6,11 +6,9 @@
 # ThreadSanitizer.
 set -euo pipefail
 pxf=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
+case_name=pipeline
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 
-fail() { echo "FAIL (pipeline): $*" >&2; exit 1; }
 # pxf__err is one process-wide code that every failing thread writes, by
 # design (threads read PXF_last_error); the core thread tests say the same.
 echo 'race:pxf__err' >tsan.supp

@@ -6,11 +6,9 @@
 # the pixels where they belong.
 set -euo pipefail
 pxf=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
+case_name=stream
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 
-fail() { echo "FAIL (stream): $*" >&2; exit 1; }
 # limited KIB command...: runs the command with its address space capped.
 limited() {
   local kib=$1; shift

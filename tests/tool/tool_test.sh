@@ -5,23 +5,12 @@
 set -euo pipefail
 case_name=$1
 pxf=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-
-fail() { echo "FAIL ($case_name): $*" >&2; exit 1; }
-# expect STATUS command...: stdout in out.txt, stderr in err.txt.
-expect() {
-  local want=$1; shift
-  set +e; "$@" >out.txt 2>err.txt; local got=$?; set -e
-  [ "$got" -eq "$want" ] || { cat out.txt err.txt >&2; fail "'$*' exited $got, expected $want"; }
-}
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 one_line_error() {
   [ "$(wc -l <err.txt)" -eq 1 ] || { cat err.txt >&2; fail "expected exactly one line on stderr"; }
   grep -q '^pxf: ' err.txt || fail "the error line lacks the 'pxf: ' prefix: $(cat err.txt)"
   if [ $# -gt 0 ]; then grep -q -- "$1" err.txt || fail "the error does not mention '$1': $(cat err.txt)"; fi
 }
-has() { grep -q -- "$1" "${2:-out.txt}" || { cat "${2:-out.txt}" >&2; fail "missing '$1'"; }; }
 tiff_ok() { tiffinfo -D "$1" >tiff.txt 2>tiff_err.txt || fail "tiffinfo rejects $1"; [ ! -s tiff_err.txt ] || fail "tiffinfo: $(cat tiff_err.txt)"; }
 
 case $case_name in

@@ -1,6 +1,8 @@
 // Command-line conventions around the subcommands' own parsers: the
 // arguments are rewritten into the one form those parsers read, so that
 // every option, present or future, accepts the usual spellings.
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "tool.h"
@@ -84,6 +86,27 @@ std::vector<std::string> normalise_arguments(const std::vector<std::string> &arg
         }
     }
     return out;
+}
+
+bool wants_help(const std::vector<std::string> &args) {
+    for (const std::string &a : args)
+        if (a == "--help" || a == "-h") return true;
+    return false;
+}
+
+std::string next_value(const std::vector<std::string> &args, std::size_t &i) {
+    if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
+    return args[++i];
+}
+
+long parse_integer(const std::string &text, const std::string &option, long low, long high) {
+    char *end = nullptr;
+    errno = 0;
+    long v = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end || errno || v < low || v > high)
+        throw UsageError(option + ": expected a whole number from " + std::to_string(low) + " to " +
+                         std::to_string(high) + ", got \"" + text + "\"");
+    return v;
 }
 
 }  // namespace pxftool

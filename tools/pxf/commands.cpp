@@ -20,27 +20,6 @@
 namespace pxftool {
 namespace {
 
-bool wants_help(const std::vector<std::string> &args) {
-    for (const std::string &a : args)
-        if (a == "--help" || a == "-h") return true;
-    return false;
-}
-
-std::string next_value(const std::vector<std::string> &args, std::size_t &i) {
-    if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
-    return args[++i];
-}
-
-long parse_integer(const std::string &text, const std::string &option, long low, long high) {
-    char *end = nullptr;
-    errno = 0;
-    long v = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end || errno || v < low || v > high)
-        throw UsageError(option + ": expected a whole number from " + std::to_string(low) + " to " +
-                         std::to_string(high) + ", got \"" + text + "\"");
-    return v;
-}
-
 double parse_number(const std::string &text, const std::string &option) {
     char *end = nullptr;
     double v = std::strtod(text.c_str(), &end);

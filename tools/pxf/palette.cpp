@@ -18,17 +18,6 @@ const char *kPaletteHelp =
     "  --to FORM     the form of OUT: gpl, jasc or binary\n"
     "  --list        also list every colour (8 bits a component)\n";
 
-std::string value_after(const std::vector<std::string> &args, std::size_t &i) {
-    if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
-    return args[++i];
-}
-
-bool asks_help(const std::vector<std::string> &args) {
-    for (const std::string &a : args)
-        if (a == "--help" || a == "-h") return true;
-    return false;
-}
-
 const char *describe(PXF_LUT_FORMAT format) {
     switch (format) {
     case PXF_LUT_GPL: return "GIMP palette";
@@ -51,13 +40,13 @@ struct Palette {
 }  // namespace
 
 int run_palette(const std::vector<std::string> &args) {
-    if (asks_help(args)) return std::fputs(kPaletteHelp, stdout), kExitOk;
+    if (wants_help(args)) return std::fputs(kPaletteHelp, stdout), kExitOk;
     std::vector<std::string> paths;
     PXF_LUT_FORMAT to = PXF_LUT_ANY;
     bool list = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
-        if (a == "--to") to = form_named(value_after(args, i));
+        if (a == "--to") to = form_named(next_value(args, i));
         else if (a == "--list") list = true;
         else if (a.size() > 1 && a[0] == '-') throw UsageError("unknown option " + a + " (see --help)");
         else paths.push_back(a);

@@ -14,27 +14,6 @@ namespace {
 
 const char *const kFilterNames[] = {"box", "triangle", "catmull-rom", "mitchell", "lanczos3", "gaussian"};
 
-long whole_number(const std::string &text, const std::string &option, long low, long high) {
-    char *end = nullptr;
-    errno = 0;
-    long v = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end || errno || v < low || v > high)
-        throw UsageError(option + ": expected a whole number from " + std::to_string(low) + " to " +
-                         std::to_string(high) + ", got \"" + text + "\"");
-    return v;
-}
-
-std::string value_after(const std::vector<std::string> &args, std::size_t &i) {
-    if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
-    return args[++i];
-}
-
-bool asks_help(const std::vector<std::string> &args) {
-    for (const std::string &a : args)
-        if (a == "--help" || a == "-h") return true;
-    return false;
-}
-
 const char *kMipmapHelp =
     "usage: pxf mipmap IN OUT.rla [options]\n"
     "\n"
@@ -83,8 +62,8 @@ void parse_resize(const std::string &text, ReadOptions &options) {
     }
     std::size_t x = text.find('x');
     if (x == std::string::npos) throw UsageError("--resize: expected WxH or N%, got \"" + text + "\"");
-    options.resize_width = int(whole_number(text.substr(0, x), "--resize", 1, 1000000));
-    options.resize_height = int(whole_number(text.substr(x + 1), "--resize", 1, 1000000));
+    options.resize_width = int(parse_integer(text.substr(0, x), "--resize", 1, 1000000));
+    options.resize_height = int(parse_integer(text.substr(x + 1), "--resize", 1, 1000000));
 }
 
 PXF_IMAGE *apply_resize(PXF_IMAGE *image, const ReadOptions &options, const std::string &path) {
@@ -114,7 +93,7 @@ PXF_IMAGE *apply_resize(PXF_IMAGE *image, const ReadOptions &options, const std:
 }
 
 int run_mipmap(const std::vector<std::string> &args) {
-    if (asks_help(args)) return std::fputs(kMipmapHelp, stdout), kExitOk;
+    if (wants_help(args)) return std::fputs(kMipmapHelp, stdout), kExitOk;
     IMP_OPTIONS options;
     IMP_options_init(&options);
     std::string filter;
@@ -123,12 +102,12 @@ int run_mipmap(const std::vector<std::string> &args) {
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
         if (a == "--kind") {
-            std::string kind = value_after(args, i);
+            std::string kind = next_value(args, i);
             if (kind == "colour" || kind == "color") options.kind = PXF_TEXTURE_COLOUR;
             else if (kind == "scalar") options.kind = PXF_TEXTURE_SCALAR;
             else if (kind == "bump") options.kind = PXF_TEXTURE_BUMP;
             else throw UsageError("--kind: expected colour, scalar or bump, got \"" + kind + "\"");
-        } else if (a == "--filter") filter = checked_filter(value_after(args, i));
+        } else if (a == "--filter") filter = checked_filter(next_value(args, i));
         else if (a == "--quiet") quiet = true;
         else if (a.size() > 1 && a[0] == '-') throw UsageError("unknown option " + a + " (see --help)");
         else paths.push_back(a);
@@ -158,16 +137,16 @@ int run_mipmap(const std::vector<std::string> &args) {
 }
 
 int run_swatch(const std::vector<std::string> &args) {
-    if (asks_help(args)) return std::fputs(kSwatchHelp, stdout), kExitOk;
+    if (wants_help(args)) return std::fputs(kSwatchHelp, stdout), kExitOk;
     ReadOptions read;
     WriteOptions write;
     std::vector<std::string> paths;
     bool quiet = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
-        if (a == "--size") read.fit_size = int(whole_number(value_after(args, i), a, 1, 1000000));
-        else if (a == "--filter") read.filter = checked_filter(value_after(args, i));
-        else if (a == "--key") write.key = value_after(args, i);
+        if (a == "--size") read.fit_size = int(parse_integer(next_value(args, i), a, 1, 1000000));
+        else if (a == "--filter") read.filter = checked_filter(next_value(args, i));
+        else if (a == "--key") write.key = next_value(args, i);
         else if (a == "--quiet") quiet = true;
         else if (a.size() > 1 && a[0] == '-') throw UsageError("unknown option " + a + " (see --help)");
         else paths.push_back(a);

@@ -18,6 +18,14 @@ enum ExitStatus { kExitOk = 0, kExitFailed = 1, kExitUsage = 2 };
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// Command-line helpers shared by the subcommands (args.cpp): whether the
+// arguments ask for help; the value after option args[i] (i moves on to it);
+// a whole number from low to high, or UsageError naming the option.
+bool wants_help(const std::vector<std::string> &args);
+std::string next_value(const std::vector<std::string> &args, std::size_t &i);
+long parse_integer(const std::string &text, const std::string &option, long low, long high);
+
 // Bad input or failed I/O: exit status 1.
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
