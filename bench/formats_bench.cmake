@@ -8,6 +8,8 @@ if(NOT TARGET pxf_plugin_exr OR NOT TARGET pxf_plugin_jpeg OR NOT OpenEXR_FOUND 
   return()
 endif()
 target_link_libraries(${name} PRIVATE OpenEXR::OpenEXR JPEG::JPEG ${CMAKE_DL_LIBS})
+include(${PROJECT_SOURCE_DIR}/cmake/exr_alias.cmake)
+pxf_exr_alias(${name})
 set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
 add_dependencies(${name} pxf_plugin_exr pxf_plugin_jpeg)
 target_compile_definitions(${name} PRIVATE PLUGIN_DIR="${PXF_PLUGIN_BUILD_DIR}")

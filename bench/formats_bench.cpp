@@ -16,6 +16,7 @@
 #include <ImfFrameBuffer.h>
 #include <ImfInputFile.h>
 #include <ImfOutputFile.h>
+#include <exr_alias.h>
 
 #include <algorithm>
 #include <cmath>
@@ -30,7 +31,6 @@
 
 namespace {
 
-namespace exrlib = OPENEXR_IMF_NAMESPACE;
 
 constexpr int kSize = 4096;
 

@@ -49,6 +49,7 @@
 #include <ImfStandardAttributes.h>
 #include <ImfStringAttribute.h>
 #include <ImfTiledOutputPart.h>
+#include <exr_alias.h>
 #include <openexr.h>
 
 #include <algorithm>
@@ -84,7 +85,6 @@ int imageIsFile(const char *path, void *stream);
 
 namespace {
 
-namespace exrlib = OPENEXR_IMF_NAMESPACE;
 namespace Imath = IMATH_NAMESPACE;
 
 // Damaged or hostile headers must not make us allocate without bound: sides

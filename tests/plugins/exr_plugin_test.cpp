@@ -8,6 +8,7 @@
 #include <ImfOutputFile.h>
 #include <ImfStandardAttributes.h>
 #include <ImfTiledOutputFile.h>
+#include <exr_alias.h>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -24,7 +25,6 @@
 namespace pxf::test {
 namespace {
 
-namespace exrlib = OPENEXR_IMF_NAMESPACE;
 using Box = IMATH_NAMESPACE::Box2i;
 using V2i = IMATH_NAMESPACE::V2i;
 
