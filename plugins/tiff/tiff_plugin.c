@@ -6,7 +6,11 @@
  * uncompressed or LZW, Deflate or PackBits compressed; LZW and Deflate
  * strips go through the horizontal (integer) or floating-point predictor
  * unless told otherwise ("lzw;predictor=none"), and Deflate takes a level
- * ("deflate;level=9").
+ * ("deflate;level=9").  On a machine of more than one core, LZW and Deflate
+ * strips are encoded on helper threads, one per core (at most 4, or as many
+ * as "threads=N" says), while the caller fills the next strip; "threads=1"
+ * keeps all the work on the caller's thread.  The file is the same byte for
+ * byte either way.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
@@ -21,6 +25,7 @@
 #include <sys/stat.h>
 #include <tiffio.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <pxf/err.h>
 #include <pxf/plugin.h>
@@ -45,8 +50,39 @@ int imageNumberOfZChannels = 16;
 int imageBitsPerZChannel = 32;
 
 #define MAX_SAMPLES 64
+#define MAX_ENCODERS 4 /* strips encoded at once, at most */
 
+/* A file in memory, for encoding one strip away from the real file. */
 typedef struct {
+    unsigned char *data;
+    size_t size, capacity, at;
+    int failed; /* a write could not grow it */
+} memory_file;
+
+/* A strip handed to a helper thread: its rows, and once it is joined, the
+ * encoded bytes (inside `out`) or the reason they are missing.  The helper
+ * encodes into `encoder`, a TIFF of the same shape and coding whose file in
+ * memory holds only the strip of the moment. */
+typedef struct {
+    TIFF *encoder;
+    pthread_t thread;
+    int running;
+    uint32_t strip;
+    unsigned char *rows;
+    tmsize_t bytes;
+    memory_file out;
+    const unsigned char *encoded;
+    tmsize_t encoded_bytes;
+    char why[200];
+} strip_job;
+
+/* How a written file is compressed: method, predictor and Deflate level
+ * (0: libtiff's own), and whether strips may be encoded on a helper thread. */
+typedef struct {
+    int compression, predictor, level, threads;
+} tiff_coding;
+
+typedef struct tiff_file {
     TIFF *tif;
     char *path;
     UTL_OUTPUT *output; /* when writing: renamed over the name only when complete */
@@ -67,6 +103,14 @@ typedef struct {
     tmsize_t strip_bytes, line_bytes;
     uint32_t rows_per_strip;
     uint32_t cached[MAX_SAMPLES]; /* strip held per plane, or UINT32_MAX */
+    /* Writing on several threads: rows gather in `strips` while helpers
+     * encode earlier strips, each from its job's own buffer.  Jobs are
+     * taken in turn, so the next one is always the oldest. */
+    tiff_coding coding;
+    int photometric;
+    int encoders; /* jobs in use; 0: strips are encoded by the caller */
+    int next_job;
+    strip_job jobs[MAX_ENCODERS];
 } tiff_file;
 
 /* libtiff's complaints go to one handler for the whole process; each thread
@@ -143,6 +187,20 @@ int imageIsFile(const char *path, void *stream) {
 }
 
 static void release(tiff_file *p) {
+    int k;
+    for (k = 0; k < MAX_ENCODERS; ++k) {
+        strip_job *j = &p->jobs[k];
+        if (j->running) pthread_join(j->thread, NULL);
+        j->running = 0;
+        if (j->encoder) {
+            TIFFSetMode(j->encoder, O_RDONLY); /* nothing more goes into the memory file */
+            TIFFClose(j->encoder);
+        }
+        free(j->out.data);
+        free(j->rows);
+        memset(j, 0, sizeof *j);
+    }
+    p->encoders = 0;
     /* A file being abandoned is not flushed: after a failed set-up libtiff's
      * state may be half made, and the data goes anyway. */
     if (p->tif && p->writing) TIFFSetMode(p->tif, O_RDONLY);
@@ -504,13 +562,183 @@ static unsigned char *next_line(tiff_file *p) {
     return p->strips + (size_t)((uint32_t)p->next_row % p->rows_per_strip) * (size_t)p->line_bytes;
 }
 
-/* Counts the row just put; writes the strip it completes.  0: failed. */
+/* ---- Strips encoded on a helper thread ----
+ * The helper writes each strip into a TIFF in memory of the same shape and
+ * coding; the caller's thread copies the encoded bytes into the real file
+ * as a raw strip, in strip order.  libtiff's codecs start afresh on every
+ * strip, so the bytes are those it would have written itself.  The memory
+ * TIFF is used by one thread at a time: each strip's thread is joined
+ * before the next one starts. */
+
+static tmsize_t memory_read(thandle_t h, void *buffer, tmsize_t size) {
+    memory_file *m = (memory_file *)h;
+    size_t n = m->at < m->size ? m->size - m->at : 0;
+    if ((size_t)size < n) n = (size_t)size;
+    memcpy(buffer, m->data + m->at, n);
+    m->at += n;
+    return (tmsize_t)n;
+}
+static tmsize_t memory_write(thandle_t h, void *buffer, tmsize_t size) {
+    memory_file *m = (memory_file *)h;
+    size_t end = m->at + (size_t)size;
+    if (!buffer && size > 0) return -1;
+    if (end > m->capacity) {
+        size_t capacity = m->capacity ? m->capacity : 1u << 16;
+        unsigned char *bigger;
+        while (capacity < end) capacity *= 2;
+        if (!(bigger = (unsigned char *)realloc(m->data, capacity))) {
+            m->failed = 1;
+            return -1;
+        }
+        m->data = bigger;
+        m->capacity = capacity;
+    }
+    if (m->at > m->size) memset(m->data + m->size, 0, m->at - m->size);
+    memcpy(m->data + m->at, buffer, (size_t)size);
+    m->at = end;
+    if (end > m->size) m->size = end;
+    return size;
+}
+static toff_t memory_seek(thandle_t h, toff_t offset, int whence) {
+    memory_file *m = (memory_file *)h;
+    uint64_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? m->at : m->size;
+    if (offset > (toff_t)1 << 40) return (toff_t)-1; /* strips are megabytes */
+    m->at = (size_t)(base + offset);
+    return (toff_t)m->at;
+}
+static int memory_close(thandle_t h) {
+    (void)h;
+    return 0;
+}
+static toff_t memory_size(thandle_t h) { return (toff_t)((memory_file *)h)->size; }
+static int no_map(thandle_t h, void **base, toff_t *size);
+static void no_unmap(thandle_t h, void *base, toff_t size);
+
+/* The tags that decide how strips are laid out and encoded. */
+static int strip_shape(TIFF *tif, const tiff_file *p) {
+    const tiff_coding *c = &p->coding;
+    return TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width) &&
+           TIFFSetField(tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height) &&
+           TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples) &&
+           TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8)) &&
+           TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(p->is_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT)) &&
+           TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, (uint16_t)p->photometric) &&
+           TIFFSetField(tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG) &&
+           TIFFSetField(tif, TIFFTAG_COMPRESSION, (uint16_t)c->compression) &&
+           (c->predictor == PREDICTOR_NONE || TIFFSetField(tif, TIFFTAG_PREDICTOR, (uint16_t)c->predictor)) &&
+           (!c->level || TIFFSetField(tif, TIFFTAG_ZIPQUALITY, c->level)) &&
+           TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, p->rows_per_strip);
+}
+
+/* The memory TIFF the helper encodes into; NULL when it cannot be made
+ * (the strips are then encoded on the caller's thread). */
+static TIFF *open_encoder(tiff_file *p, strip_job *j) {
+    TIFF *m = TIFFClientOpen("strip", "w", (thandle_t)&j->out, memory_read, memory_write, memory_seek,
+                             memory_close, memory_size, no_map, no_unmap);
+    if (m && !strip_shape(m, p)) {
+        TIFFSetMode(m, O_RDONLY);
+        TIFFClose(m);
+        m = NULL;
+    }
+    return m;
+}
+
+static void *encode_strip(void *data) {
+    strip_job *j = (strip_job *)data;
+    uint64_t *offsets = NULL, *counts = NULL;
+    /* The last strip was taken: the file shrinks back to its 8-byte header.
+     * (A strip must not start at offset 0: libtiff takes that for "not yet
+     * placed" and would move a strip it flushes in several pieces.) */
+    j->out.size = j->out.at = 8;
+    j->out.failed = 0;
+    j->encoded = NULL;
+    clear_problem();
+    if (TIFFWriteEncodedStrip(j->encoder, j->strip, j->rows, j->bytes) >= 0 && !j->out.failed &&
+        TIFFGetField(j->encoder, TIFFTAG_STRIPOFFSETS, &offsets) &&
+        TIFFGetField(j->encoder, TIFFTAG_STRIPBYTECOUNTS, &counts) && offsets && counts &&
+        offsets[j->strip] <= j->out.size && counts[j->strip] <= j->out.size - offsets[j->strip]) {
+        j->encoded = j->out.data + offsets[j->strip];
+        j->encoded_bytes = (tmsize_t)counts[j->strip];
+    } else {
+        snprintf(j->why, sizeof j->why, "%s", problem(j->out.failed ? "out of memory" : "write failed"));
+    }
+    return NULL;
+}
+
+/* Helper threads pay when there is a codec to run and more than one strip:
+ * as many as asked for, else one per core; as many as the image has strips
+ * beyond the first, and as many as memory allows.  None: the caller's
+ * thread encodes. */
+static void start_encoders(tiff_file *p, size_t line_bytes) {
+    long cores = sysconf(_SC_NPROCESSORS_ONLN);
+    uint32_t strips = ((uint32_t)p->height + p->rows_per_strip - 1) / p->rows_per_strip;
+    int k, wanted = p->coding.threads              ? p->coding.threads
+                    : cores > MAX_ENCODERS ? MAX_ENCODERS
+                    : cores < 1            ? 1
+                                           : (int)cores;
+    if (p->coding.compression != COMPRESSION_LZW && p->coding.compression != COMPRESSION_ADOBE_DEFLATE) return;
+    if ((uint32_t)wanted > strips - 1) wanted = (int)(strips - 1);
+    if (wanted < 2) return;
+    for (k = 0; k < wanted; ++k) {
+        strip_job *j = &p->jobs[k];
+        if (!(j->rows = (unsigned char *)malloc(line_bytes * p->rows_per_strip + 16)) ||
+            !(j->encoder = open_encoder(p, j)))
+            break;
+    }
+    p->encoders = k >= 2 ? k : 0;
+}
+
+/* Writes the strip the job encoded.  0: failed, with the reason where
+ * problem() finds it. */
+static int write_encoded(tiff_file *p, const strip_job *j) {
+    clear_problem();
+    if (!j->encoded) {
+        char *buffer = problem_buffer();
+        if (buffer) snprintf(buffer, PROBLEM_SIZE, "%s", j->why);
+        return 0;
+    }
+    return TIFFWriteRawStrip(p->tif, j->strip, (void *)j->encoded, j->encoded_bytes) >= 0;
+}
+
+/* Waits for the job's strip, if it has one, and writes it. */
+static int finish_strip(tiff_file *p, strip_job *j) {
+    if (!j->running) return 1;
+    pthread_join(j->thread, NULL);
+    j->running = 0;
+    return write_encoded(p, j);
+}
+
+/* Writes every strip still on a helper thread, oldest first. */
+static int finish_strips(tiff_file *p) {
+    int k, ok = 1;
+    for (k = 0; k < p->encoders; ++k) ok = finish_strip(p, &p->jobs[(p->next_job + k) % p->encoders]) && ok;
+    return ok;
+}
+
+/* Counts the row just put; writes the strip it completes, or hands it to
+ * the helper thread.  0: failed. */
 static int row_done(tiff_file *p) {
     uint32_t row = (uint32_t)p->next_row++, first = row - row % p->rows_per_strip;
+    strip_job *j = &p->jobs[p->next_job];
+    unsigned char *full = p->strips;
     if (row + 1 - first < p->rows_per_strip && p->next_row < p->height) return 1;
-    clear_problem();
-    return TIFFWriteEncodedStrip(p->tif, row / p->rows_per_strip, p->strips,
-                                 (tmsize_t)(row + 1 - first) * p->line_bytes) >= 0;
+    if (!p->encoders) {
+        clear_problem();
+        return TIFFWriteEncodedStrip(p->tif, row / p->rows_per_strip, p->strips,
+                                     (tmsize_t)(row + 1 - first) * p->line_bytes) >= 0;
+    }
+    if (!finish_strip(p, j)) return 0;
+    p->strips = j->rows; /* the next rows gather in the buffer the job is done with */
+    j->rows = full;
+    p->next_job = (p->next_job + 1) % p->encoders;
+    j->strip = row / p->rows_per_strip;
+    j->bytes = (tmsize_t)(row + 1 - first) * p->line_bytes;
+    if (pthread_create(&j->thread, NULL, encode_strip, j) == 0) {
+        j->running = 1;
+        return 1;
+    }
+    encode_strip(j); /* no thread to be had: encode it here */
+    return write_encoded(p, j);
 }
 
 static int tiff_write_scan(void *data, int line, void ***rows, void **table) {
@@ -540,12 +768,6 @@ static int compression_code(const char *name) {
     return -1;
 }
 
-/* How a written file is compressed: method, predictor and Deflate level
- * (0: libtiff's own). */
-typedef struct {
-    int compression, predictor, level;
-} tiff_coding;
-
 /* Reads the caller's compression text; 0 with the reason in `why` when it
  * asks for something this driver cannot do.  Without a choice, LZW and
  * Deflate strips go through the predictor that suits the samples: it
@@ -563,6 +785,7 @@ static int choose_coding(const char *text, int is_float, tiff_coding *c, char *w
     predicting = c->compression == COMPRESSION_LZW || c->compression == COMPRESSION_ADOBE_DEFLATE;
     c->predictor = !predicting ? PREDICTOR_NONE : is_float ? PREDICTOR_FLOATINGPOINT : PREDICTOR_HORIZONTAL;
     c->level = 0;
+    c->threads = 0; /* as many as pay */
     for (k = 0; k < parsed.count; ++k) {
         const char *key = parsed.settings[k].key, *value = parsed.settings[k].value;
         if (!strcmp(key, "predictor")) {
@@ -588,8 +811,14 @@ static int choose_coding(const char *text, int is_float, tiff_coding *c, char *w
                                                      : "only TIFF Deflate takes a level (\"%s\")", value);
                 return 0;
             }
+        } else if (!strcmp(key, "threads")) {
+            c->threads = compression_integer(value, 1, MAX_ENCODERS);
+            if (c->threads < 0) {
+                snprintf(why, why_size, "TIFF strips are encoded on 1 to %d threads, not \"%s\"", MAX_ENCODERS, value);
+                return 0;
+            }
         } else {
-            snprintf(why, why_size, "TIFF has no compression setting \"%s\" (predictor, level)", key);
+            snprintf(why, why_size, "TIFF has no compression setting \"%s\" (predictor, level, threads)", key);
             return 0;
         }
     }
@@ -722,6 +951,9 @@ int imageWriteOpen(PXF_IMAGE *image) {
                                                                         : (uint32_t)(STRIP_BYTES / line_bytes);
     p->strips = (unsigned char *)malloc(line_bytes * p->rows_per_strip + 16);
     if (!p->strips) return setup_failed(p, PXF_E_NO_MEMORY, "out of memory");
+    p->coding = coding;
+    p->photometric = d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+    start_encoders(p, line_bytes);
 
     errno = 0;
     p->output = UTL_output_open(path);
@@ -732,18 +964,7 @@ int imageWriteOpen(PXF_IMAGE *image) {
     if (!p->tif) return setup_failed(p, PXF_E_NO_MEMORY, problem("cannot start the TIFF file (out of memory?)"));
     /* Any tag libtiff could not take (it allocates for most) fails the open:
      * a file with a tag missing would say something else than the image. */
-    ok = TIFFSetField(p->tif, TIFFTAG_IMAGEWIDTH, (uint32_t)p->width) &&
-         TIFFSetField(p->tif, TIFFTAG_IMAGELENGTH, (uint32_t)p->height) &&
-         TIFFSetField(p->tif, TIFFTAG_SAMPLESPERPIXEL, (uint16_t)p->samples) &&
-         TIFFSetField(p->tif, TIFFTAG_BITSPERSAMPLE, (uint16_t)(p->bytes * 8)) &&
-         TIFFSetField(p->tif, TIFFTAG_SAMPLEFORMAT, (uint16_t)(any_float ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT)) &&
-         TIFFSetField(p->tif, TIFFTAG_PHOTOMETRIC,
-                      (uint16_t)(d->chan.count == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK)) &&
-         TIFFSetField(p->tif, TIFFTAG_PLANARCONFIG, (uint16_t)PLANARCONFIG_CONTIG) &&
-         TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT) &&
-         TIFFSetField(p->tif, TIFFTAG_COMPRESSION, (uint16_t)coding.compression) &&
-         (coding.predictor == PREDICTOR_NONE || TIFFSetField(p->tif, TIFFTAG_PREDICTOR, (uint16_t)coding.predictor)) &&
-         (!coding.level || TIFFSetField(p->tif, TIFFTAG_ZIPQUALITY, coding.level));
+    ok = strip_shape(p->tif, p) && TIFFSetField(p->tif, TIFFTAG_ORIENTATION, (uint16_t)ORIENTATION_TOPLEFT);
     if (ok && d->matte.count + d->aux.count > 0) {
         for (s = 0; s < d->matte.count + d->aux.count; ++s)
             extra[s] = s >= d->matte.count                          ? EXTRASAMPLE_UNSPECIFIED
@@ -759,7 +980,6 @@ int imageWriteOpen(PXF_IMAGE *image) {
                  memcmp(stored, extra, count * sizeof *stored) == 0;
         }
     }
-    ok = ok && TIFFSetField(p->tif, TIFFTAG_ROWSPERSTRIP, p->rows_per_strip);
     if (ok && d->chan.count == 3 && info->white_pt[1] > 0.0f && !(d->chan.extra & PXF_CHAN_PRIMARIES_ASSUMED)) {
         float primaries[6] = {info->red_pri[0],   info->red_pri[1],  info->green_pri[0],
                               info->green_pri[1], info->blue_pri[0], info->blue_pri[1]};
@@ -815,7 +1035,7 @@ static int tiff_close(PXF_IMAGE *image) {
             }
         }
         clear_problem();
-        if (p->next_row < p->height || !TIFFFlush(p->tif)) {
+        if (p->next_row < p->height || !finish_strips(p) || !TIFFFlush(p->tif)) {
             report(p->path, problem("write failed"));
             status = -1;
         } else {

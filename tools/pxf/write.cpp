@@ -278,7 +278,10 @@ void write_image(RowSource &source, const std::string &path, const WriteOptions 
     info.key = key.data();
     info.handle = const_cast<char *>(path.c_str());
     info.program = const_cast<char *>(options.program.c_str());
-    const std::string compression = compression_text(coding);
+    std::string compression = compression_text(coding);
+    // The TIFF driver encodes strips on helper threads of its own unless
+    // told to keep to one; --jobs asks for that.
+    if (!options.pipeline && key == "tiff") compression += ";threads=1";
     info.compression = compression.empty() ? nullptr : const_cast<char *>(compression.c_str());
     apply_texts(info, options.texts);
     info.num_images = 1;
