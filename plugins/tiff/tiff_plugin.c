@@ -5,7 +5,8 @@
  * extra samples the auxiliary channels.  Written files are interleaved,
  * uncompressed or LZW, Deflate or PackBits compressed; LZW and Deflate
  * strips go through the horizontal (integer) or floating-point predictor
- * unless told otherwise ("lzw;predictor=none"), and Deflate takes a level
+ * when it encodes a sample of the first strip smaller than no predictor,
+ * or as told ("lzw;predictor=none"), and Deflate takes a level
  * ("deflate;level=9").  On a machine of more than one core, LZW and Deflate
  * strips are encoded on helper threads, one per core (at most 4, or as many
  * as "threads=N" says), while the caller fills the next strip; "threads=1"
@@ -80,6 +81,7 @@ typedef struct {
  * (0: libtiff's own), and whether strips may be encoded on a helper thread. */
 typedef struct {
     int compression, predictor, level, threads;
+    int trial; /* the predictor is the driver's to choose: none or `predictor` */
 } tiff_coding;
 
 typedef struct tiff_file {
@@ -715,6 +717,70 @@ static int finish_strips(tiff_file *p) {
     return ok;
 }
 
+/* The size `lines` rows take encoded with `predictor`, or 0 when they
+ * could not be encoded.  The rows are copied: the predictor works in place. */
+static size_t trial_size(const tiff_file *p, int predictor, const unsigned char *rows, uint32_t lines) {
+    tiff_file shape = *p;
+    memory_file out = {0};
+    uint64_t *counts = NULL;
+    size_t size = 0, bytes = (size_t)lines * (size_t)p->line_bytes;
+    unsigned char *copy = (unsigned char *)malloc(bytes);
+    TIFF *m;
+    shape.height = (int)lines;
+    shape.rows_per_strip = lines;
+    shape.coding.predictor = predictor;
+    m = copy ? TIFFClientOpen("trial", "w", (thandle_t)&out, memory_read, memory_write, memory_seek, memory_close,
+                              memory_size, no_map, no_unmap)
+             : NULL;
+    if (m && strip_shape(m, &shape) && (memcpy(copy, rows, bytes), TIFFWriteEncodedStrip(m, 0, copy, (tmsize_t)bytes) >= 0) &&
+        !out.failed && TIFFGetField(m, TIFFTAG_STRIPBYTECOUNTS, &counts) && counts)
+        size = (size_t)counts[0];
+    if (m) {
+        TIFFSetMode(m, O_RDONLY);
+        TIFFClose(m);
+    }
+    free(out.data);
+    free(copy);
+    return size;
+}
+
+/* Left to choose, the predictor is the one that encodes a sample of the
+ * first strip smaller: up to 128 rows (and 256 KiB) spread over it.
+ * Smooth pictures shrink under the predictor; noise, clipped or flat
+ * graphics often do better without.  Set on every TIFF that encodes.
+ * 0 when the trial could not be made: a file does not change with the
+ * memory at hand, so the write fails instead. */
+static int choose_predictor(tiff_file *p, const unsigned char *rows, uint32_t lines) {
+    uint32_t room = (uint32_t)((size_t)1 << 18) / (uint32_t)p->line_bytes, take = lines, k;
+    size_t with, without;
+    unsigned char *sample;
+    int chosen, ok = 1;
+    if (take > 128) take = 128;
+    if (take > room) take = room ? room : 1;
+    if (!(sample = (unsigned char *)malloc((size_t)take * (size_t)p->line_bytes))) {
+        char *buffer = problem_buffer();
+        if (buffer) snprintf(buffer, PROBLEM_SIZE, "out of memory");
+        return 0;
+    }
+    for (k = 0; k < take; ++k)
+        memcpy(sample + (size_t)k * (size_t)p->line_bytes,
+               rows + (size_t)((uint64_t)k * lines / take) * (size_t)p->line_bytes, (size_t)p->line_bytes);
+    with = trial_size(p, p->coding.predictor, sample, take);
+    without = trial_size(p, PREDICTOR_NONE, sample, take);
+    free(sample);
+    p->coding.trial = 0;
+    if (!with || !without) {
+        char *buffer = problem_buffer();
+        if (buffer && !buffer[0]) snprintf(buffer, PROBLEM_SIZE, "out of memory");
+        return 0;
+    }
+    if (with <= without) return 1;
+    chosen = p->coding.predictor = PREDICTOR_NONE;
+    ok = TIFFSetField(p->tif, TIFFTAG_PREDICTOR, (uint16_t)chosen);
+    for (k = 0; k < (uint32_t)p->encoders; ++k) ok = ok && TIFFSetField(p->jobs[k].encoder, TIFFTAG_PREDICTOR, (uint16_t)chosen);
+    return ok;
+}
+
 /* Counts the row just put; writes the strip it completes, or hands it to
  * the helper thread.  0: failed. */
 static int row_done(tiff_file *p) {
@@ -722,6 +788,8 @@ static int row_done(tiff_file *p) {
     strip_job *j = &p->jobs[p->next_job];
     unsigned char *full = p->strips;
     if (row + 1 - first < p->rows_per_strip && p->next_row < p->height) return 1;
+    clear_problem();
+    if (p->coding.trial && !choose_predictor(p, p->strips, row + 1 - first)) return 0;
     if (!p->encoders) {
         clear_problem();
         return TIFFWriteEncodedStrip(p->tif, row / p->rows_per_strip, p->strips,
@@ -784,11 +852,13 @@ static int choose_coding(const char *text, int is_float, tiff_coding *c, char *w
     }
     predicting = c->compression == COMPRESSION_LZW || c->compression == COMPRESSION_ADOBE_DEFLATE;
     c->predictor = !predicting ? PREDICTOR_NONE : is_float ? PREDICTOR_FLOATINGPOINT : PREDICTOR_HORIZONTAL;
+    c->trial = predicting;
     c->level = 0;
     c->threads = 0; /* as many as pay */
     for (k = 0; k < parsed.count; ++k) {
         const char *key = parsed.settings[k].key, *value = parsed.settings[k].value;
         if (!strcmp(key, "predictor")) {
+            c->trial = 0;
             if (!strcasecmp(value, "none") || !strcmp(value, "1")) c->predictor = PREDICTOR_NONE;
             else if (!strcasecmp(value, "horizontal") || !strcmp(value, "2")) c->predictor = PREDICTOR_HORIZONTAL;
             else if (!strcasecmp(value, "float") || !strcmp(value, "3")) c->predictor = PREDICTOR_FLOATINGPOINT;

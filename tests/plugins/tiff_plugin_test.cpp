@@ -172,12 +172,22 @@ ReadBack read_back(const std::string &path, const Pixels &expected) {
 TEST_F(TiffDriver, PredictorsAndLevelsKeepEverySampleInStripsOfAboutTwoMegabytes) {
     const Pixels ints(1000, 400, 3, 0, 0, PXF_C_INTEGER, 16, [](int c, int x, int y) { return double((x * 37 + y * 11 + c * 1000) & 0xffff); });
     const Pixels floats(300, 7, 1, 1, 0, PXF_C_FLOAT, 32, [](int c, int x, int y) { return (x - 3 * y + c) * 0.125; });
+    // Noise clipped at the top half the time: the predictor only scrambles the runs.
+    const Pixels clipped(1000, 60, 3, 0, 0, PXF_C_INTEGER, 16, [](int c, int x, int y) {
+        uint32_t h = uint32_t(x) * 2654435761u ^ uint32_t(y) * 40503u ^ uint32_t(c) * 97u;
+        h = (h ^ h >> 15) * 0x5bd1e995u;
+        h = (h ^ h >> 13) & 0xffff;
+        return double(h > 0x8000 ? 0xffff : h);
+    });
     const struct {
         const Pixels &in;
         const char *text;
         int predictor;
     } cases[] = {
-        {ints, "lzw", PREDICTOR_HORIZONTAL},  // the defaults
+        {ints, "lzw", PREDICTOR_HORIZONTAL},  // the defaults, where the predictor pays
+        {clipped, "lzw", PREDICTOR_NONE},     // and where it does not
+        {clipped, "deflate", PREDICTOR_NONE},
+        {clipped, "lzw;predictor=horizontal", PREDICTOR_HORIZONTAL},
         {ints, "deflate", PREDICTOR_HORIZONTAL},
         {floats, "", PREDICTOR_FLOATINGPOINT},
         {floats, "deflate", PREDICTOR_FLOATINGPOINT},
@@ -202,13 +212,14 @@ TEST_F(TiffDriver, PredictorsAndLevelsKeepEverySampleInStripsOfAboutTwoMegabytes
         if (&c.in == &ints) {
             EXPECT_EQ(r.strips, 2u);  // 349 + 51 rows
         }
-        sizes[c.text] = read_file(dir.file("p.tif")).size();
+        sizes[std::string(&c.in == &clipped ? "clipped " : "") + c.text] = read_file(dir.file("p.tif")).size();
         Pixels back;  // and through the driver
         ASSERT_TRUE(read_image(dir.file("p.tif"), nullptr, back));
         EXPECT_EQ(back.values, c.in.values);
     }
     // The settings reach the codec: the predictor shrinks the ramps, a higher level shrinks more.
     EXPECT_LT(sizes["lzw"] * 2, sizes["lzw;predictor=none"]);
+    EXPECT_LT(sizes["clipped lzw"], sizes["clipped lzw;predictor=horizontal"]);
     EXPECT_LT(sizes["deflate;level=9"], sizes["deflate; level = 1 ;predictor=horizontal"]);
 }
 
