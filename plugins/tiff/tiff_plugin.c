@@ -188,16 +188,15 @@ int imageIsFile(const char *path, void *stream) {
     return yes;
 }
 
+static void drop_memory_tiff(TIFF *m);
+
 static void release(tiff_file *p) {
     int k;
     for (k = 0; k < MAX_ENCODERS; ++k) {
         strip_job *j = &p->jobs[k];
         if (j->running) pthread_join(j->thread, NULL);
         j->running = 0;
-        if (j->encoder) {
-            TIFFSetMode(j->encoder, O_RDONLY); /* nothing more goes into the memory file */
-            TIFFClose(j->encoder);
-        }
+        if (j->encoder) drop_memory_tiff(j->encoder);
         free(j->out.data);
         free(j->rows);
         memset(j, 0, sizeof *j);
@@ -632,14 +631,18 @@ static int strip_shape(TIFF *tif, const tiff_file *p) {
            TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, p->rows_per_strip);
 }
 
-/* The memory TIFF the helper encodes into; NULL when it cannot be made
- * (the strips are then encoded on the caller's thread). */
-static TIFF *open_encoder(tiff_file *p, strip_job *j) {
-    TIFF *m = TIFFClientOpen("strip", "w", (thandle_t)&j->out, memory_read, memory_write, memory_seek,
-                             memory_close, memory_size, no_map, no_unmap);
+/* Closes a TIFF in memory without writing its directory. */
+static void drop_memory_tiff(TIFF *m) {
+    TIFFSetMode(m, O_RDONLY); /* nothing more goes into the memory file */
+    TIFFClose(m);
+}
+
+/* A TIFF writing into `out`, shaped like `p`; NULL when it cannot be made. */
+static TIFF *memory_tiff(memory_file *out, const tiff_file *p) {
+    TIFF *m = TIFFClientOpen("memory", "w", (thandle_t)out, memory_read, memory_write, memory_seek, memory_close,
+                             memory_size, no_map, no_unmap);
     if (m && !strip_shape(m, p)) {
-        TIFFSetMode(m, O_RDONLY);
-        TIFFClose(m);
+        drop_memory_tiff(m);
         m = NULL;
     }
     return m;
@@ -684,7 +687,7 @@ static void start_encoders(tiff_file *p, size_t line_bytes) {
     for (k = 0; k < wanted; ++k) {
         strip_job *j = &p->jobs[k];
         if (!(j->rows = (unsigned char *)malloc(line_bytes * p->rows_per_strip + 16)) ||
-            !(j->encoder = open_encoder(p, j)))
+            !(j->encoder = memory_tiff(&j->out, p)))
             break;
     }
     p->encoders = k >= 2 ? k : 0;
@@ -729,16 +732,11 @@ static size_t trial_size(const tiff_file *p, int predictor, const unsigned char 
     shape.height = (int)lines;
     shape.rows_per_strip = lines;
     shape.coding.predictor = predictor;
-    m = copy ? TIFFClientOpen("trial", "w", (thandle_t)&out, memory_read, memory_write, memory_seek, memory_close,
-                              memory_size, no_map, no_unmap)
-             : NULL;
-    if (m && strip_shape(m, &shape) && (memcpy(copy, rows, bytes), TIFFWriteEncodedStrip(m, 0, copy, (tmsize_t)bytes) >= 0) &&
-        !out.failed && TIFFGetField(m, TIFFTAG_STRIPBYTECOUNTS, &counts) && counts)
+    m = copy ? memory_tiff(&out, &shape) : NULL;
+    if (m && (memcpy(copy, rows, bytes), TIFFWriteEncodedStrip(m, 0, copy, (tmsize_t)bytes) >= 0) && !out.failed &&
+        TIFFGetField(m, TIFFTAG_STRIPBYTECOUNTS, &counts) && counts)
         size = (size_t)counts[0];
-    if (m) {
-        TIFFSetMode(m, O_RDONLY);
-        TIFFClose(m);
-    }
+    if (m) drop_memory_tiff(m);
     free(out.data);
     free(copy);
     return size;
@@ -777,7 +775,8 @@ static int choose_predictor(tiff_file *p, const unsigned char *rows, uint32_t li
     if (with <= without) return 1;
     chosen = p->coding.predictor = PREDICTOR_NONE;
     ok = TIFFSetField(p->tif, TIFFTAG_PREDICTOR, (uint16_t)chosen);
-    for (k = 0; k < (uint32_t)p->encoders; ++k) ok = ok && TIFFSetField(p->jobs[k].encoder, TIFFTAG_PREDICTOR, (uint16_t)chosen);
+    for (k = 0; k < (uint32_t)p->encoders; ++k)
+        ok = ok && TIFFSetField(p->jobs[k].encoder, TIFFTAG_PREDICTOR, (uint16_t)chosen);
     return ok;
 }
 
@@ -838,9 +837,10 @@ static int compression_code(const char *name) {
 
 /* Reads the caller's compression text; 0 with the reason in `why` when it
  * asks for something this driver cannot do.  Without a choice, LZW and
- * Deflate strips go through the predictor that suits the samples: it
+ * Deflate strips may go through the predictor that suits the samples: it
  * turns smooth ramps into runs of small differences, which both codecs
- * shrink to a fraction of the plain strip for little time. */
+ * shrink to a fraction of the plain strip for little time.  Whether it
+ * does is tried on the first strip (choose_predictor). */
 static int choose_coding(const char *text, int is_float, tiff_coding *c, char *why, size_t why_size) {
     compression_text parsed;
     int k, predicting;
