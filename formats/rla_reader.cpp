@@ -258,12 +258,14 @@ float parse_float(const char *text, float fallback) {
     return end != text && v > 0 ? v : fallback;
 }
 
-void parse_primary(const char *text, float out[3]) {
+// false, leaving `out` as it was, when the text holds no chromaticity.
+bool parse_primary(const char *text, float out[3]) {
     float x, y;
-    if (std::sscanf(text, "%f %f", &x, &y) != 2) return;
+    if (std::sscanf(text, "%f %f", &x, &y) != 2) return false;
     out[0] = x;
     out[1] = y;
     out[2] = 1.0f - x - y;
+    return true;
 }
 
 bool fill_info(PXF_INFO &info, const Header &h) {
@@ -298,7 +300,13 @@ void fill_group(PXF_CHAN_GROUP &g, int count, int storage, int bits) {
 
 bool fill_desc(PXF_IMAGE_DESC &d, const Header &h, int index) {
     d.image_kind = index == 0 ? 1 : 2;
-    d.curve.gamma = parse_float(h.gamma, d.curve.gamma);
+    // A blank gamma or primaries field leaves the defaults, marked as assumed.
+    float gamma = parse_float(h.gamma, 0.0f);
+    if (gamma > 0.0f) d.curve.gamma = gamma;
+    else d.chan.extra |= PXF_CHAN_GAMMA_ASSUMED;
+    float scratch[3];
+    for (const char *primary : {h.red, h.green, h.blue, h.white})
+        if (!parse_primary(primary, scratch)) d.chan.extra |= PXF_CHAN_PRIMARIES_ASSUMED;
     d.window = h.window;
     d.active_window = h.active;
     d.x_res = h.window.right - h.window.left + 1;

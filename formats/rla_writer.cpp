@@ -135,10 +135,12 @@ void fill_header(const PXF_INFO &info, const PXF_IMAGE_DESC &d, unsigned char ou
     h.matte_count = d.matte.count > 0 ? d.matte.count : 0;
     h.aux_count = d.aux.count > 0 ? d.aux.count : 0;
     h.revision = kRevision;
-    std::snprintf(h.gamma, sizeof h.gamma, "%7.4f", double(d.curve.gamma));
+    // What the image only assumed stays blank, as the file it came from left it.
+    if (!(d.chan.extra & PXF_CHAN_GAMMA_ASSUMED))
+        std::snprintf(h.gamma, sizeof h.gamma, "%7.4f", double(d.curve.gamma));
     const float *primaries[] = {info.red_pri, info.green_pri, info.blue_pri, info.white_pt};
     char *texts[] = {h.red, h.green, h.blue, h.white};
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4 && !(d.chan.extra & PXF_CHAN_PRIMARIES_ASSUMED); ++i)
         std::snprintf(texts[i], sizeof h.red, "%7.4f %7.4f", double(primaries[i][0]), double(primaries[i][1]));
     h.job = info.job_num;
     auto copy = [](char *to, std::size_t size, const char *from) {

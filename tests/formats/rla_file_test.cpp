@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <pxf/fmt.h>
 #include <pxf/pxf.h>
 #include <pxf/rla.h>
 
@@ -280,7 +281,31 @@ TEST_F(RlaRead, DescriptionComesFromTheHeader) {
     EXPECT_EQ(r.chan.width * 1000 + r.aux.type * 100 + r.aux.width, 10364);
     EXPECT_EQ(image->current_line, -1) << "scanlines come bottom up";
     EXPECT_EQ(PXF_seek(&image, 2), 0) << "random access needs no reopen";
+    EXPECT_EQ(r.chan.extra, 0) << "nothing assumed";
     EXPECT_EQ(PXF_close(image), 0);
+}
+
+// Gamma and primaries the image only assumed are left blank in the header,
+// and a blank field reads as the default, assumed again.
+TEST_F(RlaRead, AssumedGammaAndPrimariesStayBlank) {
+    for (int assumed : {PXF_CHAN_GAMMA_ASSUMED, PXF_CHAN_PRIMARIES_ASSUMED}) {
+        SCOPED_TRACE(assumed);
+        PXF_IMAGE_DESC d = image_desc(6, 4, 3, PXF_C_INTEGER, 8, 0, 0);
+        d.curve.gamma = 1.8f;
+        d.chan.extra = assumed;
+        describe({d});
+        request_.info.red_pri[0] = 0.64f;
+        ASSERT_TRUE(write(dir_.file("a.rla")));
+        const std::string bytes = read_file(dir_.file("a.rla"));
+        EXPECT_EQ(bytes.find("1.8000") == std::string::npos, assumed == PXF_CHAN_GAMMA_ASSUMED);
+        EXPECT_EQ(bytes.find("0.6400") == std::string::npos, assumed == PXF_CHAN_PRIMARIES_ASSUMED);
+        PXF_IMAGE *image = open(dir_.file("a.rla"), "r", nullptr);
+        ASSERT_NE(image, nullptr);
+        const PXF_IMAGE_DESC &r = image->info.images[0];
+        EXPECT_EQ(r.chan.extra, assumed);
+        EXPECT_FLOAT_EQ(r.curve.gamma, assumed == PXF_CHAN_GAMMA_ASSUMED ? FMT_def_gamma() : 1.8f);
+        EXPECT_EQ(PXF_close(image), 0);
+    }
 }
 
 // RLA colour is premultiplied: colour labelled unassociated is multiplied by

@@ -385,6 +385,10 @@ fidelity)
   expect 0 "$pxf" convert bare.png again.png
   pngcheck -v again.png >check.txt || fail "pngcheck rejects again.png"
   ! grep -qE 'gAMA|cHRM' check.txt || fail "defaults stamped on a bare PNG: $(cat check.txt)"
+  expect 0 "$pxf" convert bare.png bare.rla   # nor on its way through RLA
+  expect 0 "$pxf" convert bare.rla again.png
+  pngcheck -v again.png >check.txt || fail "pngcheck rejects again.png"
+  ! grep -qE 'gAMA|cHRM' check.txt || fail "defaults stamped on a bare PNG through RLA: $(cat check.txt)"
   expect 0 "$pxf" convert bare.png g.png --gamma 1.0
   pngcheck -v g.png >check.txt
   has 'gAMA.*1.0000' check.txt
