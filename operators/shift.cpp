@@ -1,33 +1,14 @@
 // Shift: integer channel groups from one bit depth to another (16-bit
 // scans to 8 bits for viewing).  Narrowing keeps the top bits; widening
 // repeats the value's bits below it, so that the top code stays the top code.
-#include <cstring>
-
 #include <pxf/pxf.h>
 
-#include "foundation/alloc.h"
-#include "operators/chain.h"
+#include "operators/group_stage.h"
 
 namespace {
 
-struct Shift;
-using GroupFn = void (*)(const Shift &s, int group, void **out, void **in);
-
-struct Shift {
-    PXF_OPERATOR head;
-    PXF_CHAN_TYPE saved[3];  // image, matte, auxiliary as they were
-    pxf::ops::Area area;
-    int32_t width;
-    int32_t counts[3];
-    int32_t from[3], to[3];
-    std::size_t row_bytes[3];  // of groups passed through
-    GroupFn fn[3];
-    void **buffer;
-    void **below;  // rows offered to the stage below, in its layout
-};
-
-constexpr PXF_CHAN_GROUP PXF_IMAGE_DESC::*kGroups[3] = {&PXF_IMAGE_DESC::chan, &PXF_IMAGE_DESC::matte,
-                                                       &PXF_IMAGE_DESC::aux};
+using pxf::ops::GroupFn;
+using pxf::ops::GroupStage;
 
 inline uint32_t reshift(uint32_t v, int from, int to) {
     uint64_t value = v & ((uint64_t{1} << from) - 1);
@@ -39,7 +20,7 @@ inline uint32_t reshift(uint32_t v, int from, int to) {
 }
 
 template <class Src, class Dst>
-void convert(const Shift &s, int group, void **out, void **in) {
+void convert(const GroupStage &s, int group, void **out, void **in) {
     const int from = s.from[group], to = s.to[group];
     const std::size_t first = std::size_t(s.area.first_pixel), n = std::size_t(s.area.pixels);
     for (int c = s.counts[group] - 1; c >= 0; --c) {
@@ -52,10 +33,6 @@ void convert(const Shift &s, int group, void **out, void **in) {
             for (std::size_t x = 0; x < n; ++x) o[x] = Dst(reshift(i[x], from, to));
         }
     }
-}
-
-void pass_through(const Shift &s, int group, void **out, void **in) {
-    for (int c = s.counts[group] - 1; c >= 0; --c) std::memcpy(out[c], in[c], s.row_bytes[group]);
 }
 
 template <class Src>
@@ -73,78 +50,22 @@ GroupFn choose(const PXF_CHAN_GROUP &g, const PXF_CHAN_TYPE &want) {
     return to_bits<uint32_t>(want.bits);
 }
 
-int shift_scan(void *data, int line, void ***rows, void **table) {
-    auto *s = static_cast<Shift *>(data);
-    if (!s || !s->head.saved_scan) return pxf::ops::missing_record();
-    void **in = s->below, **out = s->buffer;
-    int status = s->head.saved_scan(s->head.saved_private, line, &in, table);
-    if (status < 0) return status;
-    int at = 0;
-    for (int g = 0; g < 3; ++g) {
-        if (s->counts[g] > 0) s->fn[g](*s, g, out + at, in + at);
-        at += s->counts[g];
-    }
-    *rows = out;
-    return 0;
-}
-
-void restore(PXF_IMAGE_DESC &d, const Shift &s) {
-    for (int g = 0; g < 3; ++g) (d.*kGroups[g]).type = s.saved[g].type, (d.*kGroups[g]).width = s.saved[g].bits;
-}
-
 }  // namespace
 
 PXF_IMAGE *PXF__shift(PXF_IMAGE *image, const PXF_CHAN_TYPE request[3]) {
     PXF_IMAGE_DESC *d = pxf::ops::first_desc(image);
     if (!d || !request || !image->private_data || image->mode != PXF_MODE_READ) return image;
     GroupFn chosen[3];
+    int bits[3];
     bool any = false;
-    for (int g = 0; g < 3; ++g) any |= (chosen[g] = choose(d->*kGroups[g], request[g])) != nullptr;
-    if (!any) return image;
-
-    auto *s = static_cast<Shift *>(pxf::alloc_zeroed(sizeof(Shift)));
-    if (!s) return image;
-    if (!(s->below = pxf__chan_alloc(d, pxf::ops::row_width(*d), "shift"))) {
-        pxf::heap_free(s);
-        return image;
-    }
-    s->area = pxf::ops::active_area(*d);
-    s->width = pxf::ops::row_width(*d);
     for (int g = 0; g < 3; ++g) {
-        PXF_CHAN_GROUP &group = d->*kGroups[g];
-        s->saved[g] = {group.type, group.width};
-        s->counts[g] = group.count > 0 ? group.count : 0;
-        s->fn[g] = chosen[g];
-        if (chosen[g]) {
-            s->from[g] = group.width;
-            s->to[g] = request[g].bits;
-            group.width = request[g].bits;
-        } else {
-            s->fn[g] = pass_through;
-            s->row_bytes[g] = std::size_t(s->width) * pxf::ops::element_size(group.type, group.width);
-        }
+        any |= (chosen[g] = choose(d->*pxf::ops::kGroups[g], request[g])) != nullptr;
+        bits[g] = request[g].bits;
     }
-    if (!(s->buffer = pxf__chan_alloc(d, s->width, "shift"))) {
-        restore(*d, *s);
-        pxf__chan_free(s->below);
-        pxf::heap_free(s);
-        return image;
-    }
-    pxf::ops::push(image, &s->head, PXF_OP_SHIFT, shift_scan, pxf::ops::close_hook<PXF__shift_done>);
-    return image;
+    if (!any) return image;
+    return pxf::ops::push_group_stage<PXF__shift_done>(image, *d, chosen, bits, PXF_OP_SHIFT, "shift");
 }
 
 int PXF__shift_done(PXF_IMAGE *image) {
-    switch (pxf::ops::check_top<PXF__shift_done>(image, PXF_OP_SHIFT)) {
-        case pxf::ops::Top::empty: return 1;
-        case pxf::ops::Top::other: return 0;
-        case pxf::ops::Top::mine: break;
-    }
-    auto *s = static_cast<Shift *>(pxf::ops::top_record(image));
-    if (PXF_IMAGE_DESC *d = pxf::ops::first_desc(image)) restore(*d, *s);
-    pxf::ops::pop(image, &s->head);
-    pxf__chan_free(s->buffer);
-    pxf__chan_free(s->below);
-    pxf::heap_free(s);
-    return 1;
+    return pxf::ops::remove_group_stage<PXF__shift_done>(image, PXF_OP_SHIFT);
 }
