@@ -30,6 +30,15 @@ for pair in "s.rla png" "s.rla tif" "s.tif png" "s.tif rla"; do
   cmp -s "$two" "$one" || fail "$1 to $2: two threads and one differ"
 done
 
+# TIFF strips compressed on helper threads (three strips here) make the file
+# one thread makes.
+"$pxf" make-sample tall.rla --size 600x1800 -q
+for method in lzw deflate; do
+  "$pxf" convert tall.rla tall.two.tif -q --compression $method --attrib 'date=2026:01:01 00:00:00'
+  "$pxf" convert tall.rla tall.one.tif -q --compression $method --attrib 'date=2026:01:01 00:00:00' --jobs 1
+  cmp -s tall.two.tif tall.one.tif || fail "tall.rla to TIFF ($method): helper threads and one thread differ"
+done
+
 # Frames side by side, each on one thread.
 for f in 1 2 3 4; do cp s.rla "f.000$f.rla"; done
 "$pxf" convert 'f.####.rla' 'g.####.png' --jobs 2 -q
