@@ -60,6 +60,7 @@ public:
             for (int c = 0; c < layout.group[k].count; ++c)
                 sizes_.push_back(std::size_t(layout.width) * std::size_t(element_size(layout.group[k])));
         for (std::size_t n : sizes_) record_ += n;
+        parts_.resize(sizes_.size());
         // $TMPDIR when set, else beside a file output (the disk that takes
         // the output has room for its rows; /tmp is often memory), else /tmp.
         std::string dir = "/tmp";
@@ -83,7 +84,7 @@ public:
 
 private:
     void move(std::size_t index, void *const *rows, bool out) {
-        std::vector<iovec> parts(sizes_.size());
+        std::vector<iovec> &parts = parts_;
         for (std::size_t c = 0; c < sizes_.size(); ++c) parts[c] = {rows[c], sizes_[c]};
         off_t at = off_t(index * record_);
         std::size_t left = record_, first = 0;
@@ -107,6 +108,7 @@ private:
     }
     int fd_ = -1;
     std::vector<std::size_t> sizes_;
+    std::vector<iovec> parts_;  // one row's pieces, reused for every row
     std::size_t record_ = 0;
 };
 
